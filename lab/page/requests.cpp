@@ -103,7 +103,7 @@ Marked PlanWords(const AnsweredRequest& answered) {
 }
 
 void AddPlans(std::string& html, const RequestsView& view) {
-    const Table table = PlanTable(view.requests);
+    const Table table = PlanTable(view.plans);
     if (table.rows.empty()) return;
     AddSectionTitle(html, "Plans pushed", "/plans", "");
     html += "<div class=card>";
@@ -111,8 +111,22 @@ void AddPlans(std::string& html, const RequestsView& view) {
     html += "</div>\n";
 }
 
+/// The members of a request as they are shown: who sees the page may not know the devices' secrets.
+ParsedJson ShownMembers(const Request& request) {
+    ParsedJson members = ParseJson(request.members);
+    if (!json_object_is_type(members.value.get(), json_type_object)) return members;
+    json_object_object_foreach(members.value.get(), name, value) {
+        static_cast<void>(value);
+        const std::string_view word(name);
+        const bool isSecret =
+            word.find("COMMUNITY") != std::string_view::npos || word.find("PASS") != std::string_view::npos;
+        if (isSecret) json_object_object_add(members.value.get(), name, json_object_new_string("(hidden)"));
+    }
+    return members;
+}
+
 void AddMembersLine(std::string& html, const Request& request) {
-    const ParsedJson members = ParseJson(request.members);
+    const ParsedJson members = ShownMembers(request);
     if (!json_object_is_type(members.value.get(), json_type_object)) return;
     html += "<div class=fields>";
     json_object_object_foreach(members.value.get(), name, value) {
@@ -213,9 +227,10 @@ Table RequestTable(const std::vector<AnsweredRequest>& requests) {
                  {"failure", "Failure"}},
                 {}};
     for (const auto& [request, answers, planFetched] : requests)
-        table.rows.push_back({request.number, request.agent, request.id, request.type, request.members, request.state,
-                              Moment{request.added}, MomentOrNothing(request.listed), request.listings,
-                              MomentOrNothing(request.ended), static_cast<std::int64_t>(answers.size()),
+        table.rows.push_back({request.number, request.agent, request.id, request.type,
+                              PlainJson(ShownMembers(request).value.get()), request.state, Moment{request.added},
+                              MomentOrNothing(request.listed), request.listings, MomentOrNothing(request.ended),
+                              static_cast<std::int64_t>(answers.size()),
                               answers.empty() ? Cell() : Cell(answers.front().text),
                               answers.empty() ? Cell() : Cell(AnswerFailure(answers.front()))});
     return table;
@@ -230,10 +245,9 @@ Table PlanTable(const std::vector<AnsweredRequest>& requests) {
                  {"state", "What is known"}},
                 {}};
     for (const AnsweredRequest& answered : requests)
-        if (answered.request.type == planType)
-            table.rows.push_back({Moment{answered.request.added}, answered.request.agent,
-                                  MemberText(answered.request, "AGENT_KEY"), MomentOrNothing(answered.planFetched),
-                                  PlanWords(answered)});
+        table.rows.push_back({Moment{answered.request.added}, answered.request.agent,
+                              MemberText(answered.request, "AGENT_KEY"), MomentOrNothing(answered.planFetched),
+                              PlanWords(answered)});
     return table;
 }
 

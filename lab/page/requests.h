@@ -20,6 +20,7 @@ struct AnsweredRequest {
 
 struct RequestsView {
     std::vector<std::pair<std::string, std::int64_t>> states;  // and how many requests are in each
+    std::vector<AnsweredRequest> plans;                        // those that push plans, newest first
     std::vector<AnsweredRequest> requests;                     // newest first
     std::vector<Report> notices;                               // newest first
 };

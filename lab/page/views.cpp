@@ -31,6 +31,7 @@ constexpr std::int64_t maxJsonRecords = 1000;
 constexpr std::int64_t maxTableTracks = 1000;
 constexpr std::size_t maxTableProblems = 10000;
 constexpr std::int64_t requestsOnPage = 60;
+constexpr std::int64_t plansOnPage = 20;
 constexpr std::int64_t maxTableRequests = 1000;
 constexpr std::int64_t answersShown = 5;
 constexpr std::int64_t noticesShown = 30;
@@ -137,9 +138,9 @@ Answer ServeMetrics(Store& store, const ServletRequest&) { return {200, Metrics(
 
 // --- Requests and agents
 
-std::vector<AnsweredRequest> ReadAnswered(Store& store, const ServletRequest& request, std::int64_t limit) {
+std::vector<AnsweredRequest> WithAnswers(Store& store, std::vector<Request> requests) {
     std::vector<AnsweredRequest> answered;
-    for (Request& found : LatestRequests(store, Parameter(request, "agent"), limit)) {
+    for (Request& found : requests) {
         std::vector<Report> answers = AnswersTo(store, found, answersShown);
         const std::optional<std::int64_t> planFetched = ConfigurationFetched(store, found);
         answered.push_back({std::move(found), std::move(answers), planFetched});
@@ -148,9 +149,11 @@ std::vector<AnsweredRequest> ReadAnswered(Store& store, const ServletRequest& re
 }
 
 std::string RequestsBody(Store& store, const ServletRequest& request) {
+    const std::string agent = Parameter(request, "agent");
     std::string html;
-    AddRequests(
-        html, {RequestStates(store), ReadAnswered(store, request, requestsOnPage), LatestActions(store, noticesShown)});
+    AddRequests(html,
+                {RequestStates(store), WithAnswers(store, LatestPlans(store, agent, plansOnPage)),
+                 WithAnswers(store, LatestRequests(store, agent, requestsOnPage)), LatestActions(store, noticesShown)});
     return html;
 }
 
@@ -188,11 +191,11 @@ Answer ServeLiveFragment(Store& store, const ServletRequest& request) {
 }
 
 Table MakeRequests(Store& store, const ServletRequest& request) {
-    return RequestTable(ReadAnswered(store, request, maxTableRequests));
+    return RequestTable(WithAnswers(store, LatestRequests(store, Parameter(request, "agent"), maxTableRequests)));
 }
 
 Table MakePlans(Store& store, const ServletRequest& request) {
-    return PlanTable(ReadAnswered(store, request, maxTableRequests));
+    return PlanTable(WithAnswers(store, LatestPlans(store, Parameter(request, "agent"), maxTableRequests)));
 }
 
 Table MakeNotices(Store& store, const ServletRequest&) { return NoticeTable(LatestActions(store, maxTableRequests)); }

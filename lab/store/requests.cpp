@@ -222,6 +222,14 @@ std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::i
     return ReadRequests(rows);
 }
 
+std::vector<Request> LatestPlans(Store& store, std::string_view agent, std::int64_t limit) {
+    Statement rows(
+        *store.database,
+        std::string(requestColumns) + "WHERE type = ?3 AND (?1 = '' OR agent = ?1) ORDER BY number DESC LIMIT ?2",
+        agent, limit, downloadType);
+    return ReadRequests(rows);
+}
+
 std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store) {
     Statement rows(*store.database, "SELECT state, count(*) FROM request GROUP BY state ORDER BY state");
     std::vector<std::pair<std::string, std::int64_t>> states;

@@ -82,6 +82,9 @@ std::vector<Request> Requests(Store& store, std::string_view agent);
 /// Newest first; an empty agent means all.
 std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::int64_t limit);
 
+/// Those of them that push plans.
+std::vector<Request> LatestPlans(Store& store, std::string_view agent, std::int64_t limit);
+
 /// How many requests are in each state that some are in.
 std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store);
 

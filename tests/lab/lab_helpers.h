@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "foundation/file_utils.h"
@@ -21,6 +22,17 @@
 namespace kv::lab::test {
 
 constexpr std::int64_t minute = 60'000;
+
+/// Whether something comes true within a minute.
+template <class Condition>
+bool Happens(const Condition& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 /// A record file's bytes: UTF-16LE without a byte order mark.
 inline std::string WideBytes(std::string_view utf8) { return Utf16LittleEndianBytes(platform::WideFromUtf8(utf8)); }

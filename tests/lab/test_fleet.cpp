@@ -47,7 +47,7 @@ TEST_P(FleetAgainstLab, LosesNothingWhateverTheServerDoes) {
 TEST_P(FleetAgainstLab, TellsWhatIsLost) {
     std::thread forgetful([this] {
         Store own = OpenStore(database);
-        while (CountAll(own).zips < 4) std::this_thread::yield();
+        EXPECT_TRUE(Happens([&own] { return CountAll(own).zips >= 4; }));
         Execute(*own.database, "DELETE FROM record WHERE delivery <= 2");
         Execute(*own.database, "DELETE FROM delivery WHERE number <= 2");
     });

@@ -116,7 +116,10 @@ TEST_F(Strangers, HoldNobodyUp) {
     for (std::size_t half = 1; half < strangers.size(); half += 3)
         EXPECT_THAT(strangers[half].Read("</html>"), StartsWith("HTTP/1.1 200 "));
     strangers.clear();
-    while (LatestRefusals(store, 1).empty() || LatestRefusals(store, 1)[0].times < 700) std::this_thread::yield();
+    ASSERT_TRUE(Happens([this] {
+        const std::vector<Refusal> refusals = LatestRefusals(store, 1);
+        return !refusals.empty() && refusals[0].times >= 700;
+    }));
     EXPECT_EQ(LatestRefusals(store, 1)[0].reason, "the body did not arrive whole");
 }
 
@@ -132,7 +135,7 @@ TEST_F(Strangers, AreAnsweredAsTheFaultSays) {
     AddFault(store, {0, "*", FaultKind::delay, 3600000, 40});
     std::vector<Stranger> delayed;
     for (int count = 0; count < 40; ++count) delayed.emplace_back(server->port(), request);
-    while (!Faults(store).empty()) std::this_thread::yield();
+    ASSERT_TRUE(Happens([this] { return Faults(store).empty(); }));
     EXPECT_EQ(client.Get("/servlets/RegisterAgent?agentKey=K1")->status, 200) << "forty wait without a worker";
     delayed.pop_back();  // goes away
     server.reset();
@@ -188,7 +191,7 @@ TEST_F(Strangers, FindNothingThatIsTooOld) {
     Upload(client, "AGENTKEY=K1&FILENAME=a.zip", MakeArchive({{"old", WideBytes(old)}, {"new", WideBytes("{}")}}));
     constexpr std::int64_t day = 86400000;
     const LabServer pruning({database, "127.0.0.1", 0, "", "", 0, {}, day});
-    while (CountAll(store).records == 2) std::this_thread::yield();
+    ASSERT_TRUE(Happens([this] { return CountAll(store).records < 2; }));
     EXPECT_THAT(StoredRecords(store), testing::ElementsAre("new {}"));
 }
 

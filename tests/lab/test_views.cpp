@@ -152,7 +152,9 @@ TEST_P(Views, ShowTheFirstMinute) {
 }
 
 TEST_P(Views, ShowRequestsWithTheirAnswers) {
-    const std::string id = AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"MONITOR_NAME", "<Disks>"}}});
+    const std::string id =
+        AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"MONITOR_NAME", "<Disks>"}, {"COMMUNITY", "s3cret"}}});
+    EXPECT_THAT(Get("/requests") + Get("/requests.csv"), AllOf(HasSubstr("(hidden)"), Not(HasSubstr("s3cret"))));
     EXPECT_THAT(Rows("/requests.json", {"id", "state", "answers"}), ElementsAre(id + "|waiting|0"));
     client.Get("/servlets/DataAgentHandlerServlet?agentKey=LAB1");
     client.Post("/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=TEST_MONITOR&requestId=" + id,
