@@ -56,6 +56,8 @@ struct ShapeReader : nlohmann::json::json_sax_t {
 JsonShape ShapeOf(std::string_view text) {
     // The library takes a NUL for the end of the text.
     if (const std::size_t at = text.find('\0'); at != text.npos) return {fmt::format("NUL at offset {}", at), 0, 0};
+    // It also takes a byte order mark, which the format does not have.
+    if (text.starts_with("\xEF\xBB\xBF")) return {"byte order mark at line 1, column 1", 0, 0};
     ShapeReader reader;
     nlohmann::json::sax_parse(text, &reader);
     return std::move(reader.shape);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <openssl/evp.h>
 #include <set>
 
 #include "foundation/version.h"
@@ -99,6 +100,21 @@ std::string TitleOf(Store& store) {
     return customers.size() == 1 ? first : fmt::format("{} and {} more", first, customers.size() - 1);
 }
 
+const std::string& PagePolicy() {
+    static const std::string policy = [] {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
+        unsigned int size = 0;
+        EVP_Digest(script.data(), script.size(), digest.data(), &size, EVP_sha256(), nullptr);
+        std::array<unsigned char, 2 * EVP_MAX_MD_SIZE> base64;
+        const int length = EVP_EncodeBlock(base64.data(), digest.data(), static_cast<int>(size));
+        return fmt::format(
+            "default-src 'none'; script-src 'sha256-{}'; style-src 'unsafe-inline'; img-src data:; connect-src 'self'; "
+            "form-action 'self'; base-uri 'none'; frame-ancestors 'none'",
+            std::string(base64.begin(), base64.begin() + length));
+    }();
+    return policy;
+}
+
 std::string Document(const Frame& frame) {
     std::string html;
     Add(html,
@@ -148,7 +164,7 @@ std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std:
 }
 
 void AddSectionTitle(std::string& html, std::string_view title, std::string_view tablePath, std::string_view query) {
-    Add(html, "<div class=title><h2>{}</h2>", title);
+    Add(html, "<div class=title><h2>{}</h2>", Escape(title));
     if (!tablePath.empty()) AddTableLinks(html, tablePath, query);
     html += "</div>\n";
 }

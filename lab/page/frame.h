@@ -21,6 +21,10 @@ struct Frame {
 /// The customer of the agents, if all have the same, else what the server is.
 std::string TitleOf(Store& store);
 
+/// What a browser lets a page do, as the header Content-Security-Policy: nothing but its own script, whatever agents
+/// have sent stands in it.
+const std::string& PagePolicy();
+
 std::string Document(const Frame& frame);
 
 /// Where a page that is fetched again says of when it is, and aloud why it grows old; part of its controls.

@@ -96,9 +96,12 @@ struct VerticalAxis {
 
     std::vector<double> Steps() const {
         std::vector<double> steps;
-        // A sum of steps that should be 0 is nearly so.
-        for (double number = low; number <= high + step / 2; number += step)
+        const auto count = static_cast<int>(std::clamp(std::round((high - low) / step), 0.0, 50.0));
+        for (int at = 0; at <= count; ++at) {
+            const double number = low + step * at;
+            // What should be 0 may be nearly so.
             steps.push_back(std::fabs(number) < step / 1000 ? 0 : number);
+        }
         return steps;
     }
 };

@@ -42,7 +42,9 @@ constexpr int refreshSeconds = 3;
 constexpr std::size_t maxShownPath = 200;
 constexpr const char* htmlType = "text/html; charset=utf-8";
 
-Answer HtmlAnswer(std::string html) { return {200, std::move(html), htmlType, {}}; }
+Answer HtmlAnswer(std::string html) {
+    return {200, std::move(html), htmlType, {{"Content-Security-Policy", PagePolicy()}}};
+}
 
 Scope ScopeNow(const ServletRequest& request) { return ScopeOf(request, Now()); }
 
@@ -286,6 +288,7 @@ Answer ShownError(Answer answer, const ServletRequest& request) {
         "<p class=card>{}</p>\n<p><a href=/>to the overview</a> · <a href=/records>to the records</a></p>\n",
         Escape(answer.body));
     answer.type = htmlType;
+    answer.headers.emplace_back("Content-Security-Policy", PagePolicy());
     answer.body = Document(frame);
     return answer;
 }

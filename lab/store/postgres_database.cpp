@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <libpq-fe.h>
 #include <map>
+#include <poll.h>
 #include <vector>
 
 #include "lab/store/database.h"
@@ -137,6 +138,7 @@ class PostgresDatabase : public Database {
         if (PQstatus(connection_.get()) != CONNECTION_OK) Fail();
         PQsetNoticeProcessor(
             connection_.get(), [](void*, const char*) {}, nullptr);
+        PQsetnonblocking(connection_.get(), 1);
         RunScript("SET client_encoding = 'UTF8'; SET standard_conforming_strings = on");
     }
 
@@ -147,22 +149,50 @@ class PostgresDatabase : public Database {
     std::unique_ptr<Rows> Run(std::string_view sql, std::span<const Argument> arguments) override {
         const std::string& statement = Prepared(sql);
         const BoundArguments bound(arguments);
-        Result result(PQexecPrepared(connection_.get(), statement.c_str(), static_cast<int>(bound.values.size()),
-                                     bound.values.data(), bound.lengths.data(), bound.formats.data(), 0));
-        Check(result.get());
+        Require(PQsendQueryPrepared(connection_.get(), statement.c_str(), static_cast<int>(bound.values.size()),
+                                    bound.values.data(), bound.lengths.data(), bound.formats.data(), 0));
+        Result result = Answered();
         changes_ = std::atoll(PQcmdTuples(result.get()));
         return std::make_unique<PostgresRows>(std::move(result));
     }
 
-    void RunScript(const std::string& sql) override { Check(Result(PQexec(connection_.get(), sql.c_str())).get()); }
+    void RunScript(const std::string& sql) override {
+        Require(PQsendQuery(connection_.get(), sql.c_str()));
+        Answered();
+    }
 
   private:
     [[noreturn]] void Fail() const {
         throw DatabaseError("database " + name_ + ": " + FirstLine(PQerrorMessage(connection_.get())));
     }
-    void Check(const PGresult* result) const {
-        const ExecStatusType status = PQresultStatus(result);
+    void Require(int success) const {
+        if (success != 1) Fail();
+    }
+
+    /// Waits for the connection. A server that is silent for a minute, as one on a computer that hangs, fails.
+    void Wait(short events) const {
+        constexpr int longest = 60'000;
+        pollfd socket{PQsocket(connection_.get()), events, 0};
+        if (poll(&socket, 1, longest) == 0) throw DatabaseError("database " + name_ + ": no answer within a minute");
+        Require(PQconsumeInput(connection_.get()));
+    }
+
+    /// The last result of what was sent.
+    Result Answered() const {
+        for (int unsent = PQflush(connection_.get()); unsent != 0; unsent = PQflush(connection_.get())) {
+            if (unsent < 0) Fail();
+            Wait(POLLIN | POLLOUT);
+        }
+        Result last;
+        while (true) {
+            while (PQisBusy(connection_.get()) != 0) Wait(POLLIN);
+            Result next(PQgetResult(connection_.get()));
+            if (!next) break;
+            last = std::move(next);
+        }
+        const ExecStatusType status = PQresultStatus(last.get());
         if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) Fail();
+        return last;
     }
 
     /// The name of the server's prepared statement for a text.
@@ -170,7 +200,8 @@ class PostgresDatabase : public Database {
         if (const auto found = prepared_.find(sql); found != prepared_.end()) return found->second;
         const std::string statement = "s" + std::to_string(prepared_.size());
         const std::string translated = WithDollars(sql);
-        Check(Result(PQprepare(connection_.get(), statement.c_str(), translated.c_str(), 0, nullptr)).get());
+        Require(PQsendPrepare(connection_.get(), statement.c_str(), translated.c_str(), 0, nullptr));
+        Answered();
         return prepared_.emplace(sql, statement).first->second;
     }
 

@@ -102,7 +102,7 @@ class SqliteRows : public Rows {
 class SqliteDatabase : public Database {
   public:
     SqliteDatabase(std::string path, sqlite::Connection connection)
-        : name_(std::move(path)), connection_(std::move(connection)) {
+        : name_(std::move(path)), connection_(std::move(connection)), file_(FileAt(name_)) {
         sqlite3_busy_handler(connection_.get(), WaitWhileBusy, nullptr);
     }
 
@@ -118,6 +118,9 @@ class SqliteDatabase : public Database {
     }
 
     void RunScript(const std::string& sql) override {
+        // What is written to a file without a name is lost with the last who has it open.
+        if (sql.starts_with("BEGIN") && FileAt(name_) != file_)
+            throw DatabaseError("database " + name_ + ": the file was deleted or replaced while it was in use");
         Check(connection_.get(), sqlite3_exec(connection_.get(), sql.c_str(), nullptr, nullptr, nullptr));
     }
 
@@ -130,8 +133,15 @@ class SqliteDatabase : public Database {
         return OwnedStatement(prepared);
     }
 
+    /// Which file a path leads to; zeros when it leads to none.
+    static std::pair<dev_t, ino_t> FileAt(const std::string& path) {
+        struct stat status {};
+        return stat(path.c_str(), &status) == 0 ? std::pair(status.st_dev, status.st_ino) : std::pair<dev_t, ino_t>();
+    }
+
     std::string name_;
     sqlite::Connection connection_;
+    const std::pair<dev_t, ino_t> file_;
     IdleStatements idle_;  // ends before the connection
 };
 

@@ -167,7 +167,7 @@ TEST(StrictJson, TakesWhatTheFormatHas) {
     for (const char* const text : {"{}", " [1, -2.5e3, \"\\u00e4\u00e4\", null] \n", "\"x\"", "0"})
         EXPECT_EQ(StrictJsonFault(text), "") << text;
     for (const char* const text : {"", "{'a': 1}", "{} {}", "{\"a\": 1,}", "[007]", "[True]", "[NaN]", "{a: 1}",
-                                   "[1] # x", "[\"\t\"]", "[\"\xff\"]", "[1.]"})
+                                   "[1] # x", "[\"\t\"]", "[\"\xff\"]", "[1.]", "\xEF\xBB\xBF[]"})
         EXPECT_NE(StrictJsonFault(text).find(" line "), std::string::npos) << text;
     EXPECT_NE(StrictJsonFault({"{}\0x", 4}), "");
     const JsonShape shape = ShapeOf(R"({"a": [1, [], {"b": null}], "c": "[[["})");

@@ -170,6 +170,10 @@ TEST_P(Values, AreShownPlottedAndListed) {
     EXPECT_THAT(Get("/plot" + plot), HasSubstr("A counter, shown as its rate."));
     EXPECT_THAT(Get("/plot.json" + plot), HasSubstr(R"("number":50,)"));
     EXPECT_EQ(client.Get("/plot?range=1h")->status, 400) << "no member is named";
+    EXPECT_THAT(Get("/plot?member=%3Cimg%3E"), testing::Not(HasSubstr("<img")));
+    StoreDelivery(store, "A3", "1", {DecodeRecord("d", WideBytes(R"({"L":[{"n":1e17}]})"))});
+    StoreDelivery(store, "A3", "2", {DecodeRecord("d", WideBytes(R"({"L":[{"n":100000000000000016}]})"))});
+    EXPECT_THAT(Get("/plot?member=n&agent=A3"), HasSubstr("</svg>")) << "numbers without a step between them";
     EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="a\"b\\c d",property="FreeSpace",unit="bytes"} 3000)"));
     EXPECT_THAT(Get("/metrics"), testing::EndsWith("\n# EOF\n"));
     const char* const rows =
