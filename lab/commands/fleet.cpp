@@ -95,8 +95,10 @@ std::string Row(const std::string& title, const Statistics& statistics, double s
 void PrintReport(const FleetReport& report) {
     PrintLine(fmt::format("{:<14}{:>9}{:>9}{:>8}{:>10}{:>10}{:>10}{:>12}{:>12}", "", "requests", "a second", "failed",
                           "median ms", "p99 ms", "max ms", "sent", "received"));
-    const std::pair<const char*, const Statistics&> rows[]{
-        {"registration", report.registrations}, {"request list", report.requestLists}, {"upload", report.uploads}};
+    const std::pair<const char*, const Statistics&> rows[]{{"registration", report.registrations},
+                                                           {"request list", report.requestLists},
+                                                           {"upload", report.uploads},
+                                                           {"stop", report.stops}};
     for (const auto& [title, statistics] : rows) PrintLine(Row(title, statistics, report.seconds));
     for (const auto& [title, statistics] : rows)
         for (const auto& [failure, times] : statistics.failures())
@@ -134,10 +136,9 @@ constexpr Option fleetOptions[] = {
 constexpr Command commands[] = {
     {"fleet",
      "Plays many agents against a central server: they register, look for requests each 30 seconds (a real agent does "
-     "so only while requests are announced to it) and upload a zip "
-     "each "
-     "300 seconds, made by the agent's own packer. Prints its progress on standard error, and at the end how long the "
-     "server took, what failed and what was lost. Exit code 1 when an accepted zip was lost, or no agent registered.",
+     "so only while requests are announced to it), upload a zip each 300 seconds, made by the agent's own packer, and "
+     "say at the end that they stop. Prints its progress on standard error, and at the end how long the server took, "
+     "what failed and what was lost. Exit code 1 when an accepted zip was lost, or no agent registered.",
      {},
      fleetOptions,
      RunFleetCommand},

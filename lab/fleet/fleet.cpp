@@ -49,6 +49,7 @@ class Fleet {
     void FetchRequests(std::size_t index);
     void Upload(std::size_t index);
     void SendNext(FleetAgent& agent);
+    void ReportStops();
     std::optional<std::int64_t> ZipsHeld();
     Clock::time_point After(double seconds) const {
         return start_ + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
@@ -82,6 +83,7 @@ void Fleet::Enrol(std::size_t index) {
         if (judged.failure.empty() && judged.agentKey.empty())
             judged.failure = "answered without a key, so it is not a central server";
         report_.registrations.Take(judged);
+        agents_[index].isRegistered = judged.failure.empty();
         if (!outcome.agentKey.empty()) agents_[index].TakeKey(outcome.agentKey);
     });
 }
@@ -141,6 +143,21 @@ void Fleet::WaitForAnswers() {
         transfers_.Wait(std::chrono::milliseconds(20));
 }
 
+/// Each agent that the server knows says that it stops, as one does that is stopped.
+void Fleet::ReportStops() {
+    constexpr std::size_t startedTogether = 200;
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(lastPatience);
+    for (const FleetAgent& agent : agents_) {
+        while (transfers_.running() >= startedTogether && Clock::now() < end)
+            transfers_.Wait(std::chrono::milliseconds(20));
+        if (Clock::now() >= end) break;
+        if (agent.isRegistered)
+            transfers_.Start({agent.StopPath(), nullptr},
+                             [this](const TransferOutcome& outcome) { report_.stops.Take(outcome); });
+    }
+    WaitForAnswers();
+}
+
 /// What the lab says that it holds; other servers do not tell.
 std::optional<std::int64_t> Fleet::ZipsHeld() {
     std::optional<std::int64_t> held;
@@ -174,6 +191,7 @@ FleetReport Fleet::Run(const std::function<void(const FleetReport&)>& progress) 
     stopping_ = true;
     WaitForAnswers();
     report_.seconds = Seconds(Clock::now() - start_).count();
+    if (!interrupted_()) ReportStops();
     for (const FleetAgent& agent : agents_) report_.waitingZips += static_cast<std::int64_t>(agent.waiting.size());
     const std::optional<std::int64_t> after = ZipsHeld();
     if (before && after) report_.zipsHeld = *after - *before;

@@ -29,6 +29,7 @@ struct FleetReport {
     Statistics registrations;
     Statistics requestLists;
     Statistics uploads;
+    Statistics stops;  // reports at the end that agents stop; not of a fleet that was interrupted
     std::int64_t acceptedZips = 0;
     std::int64_t waitingZips = 0;  // not accepted yet at the end; they are with their agents still
     double seconds = 0;            // from the first request to the last answer

@@ -92,6 +92,11 @@ std::string FleetAgent::RegistrationPath() const {
         key_, number_, number_ % 254 + 1, number_ / 100);
 }
 
+std::string FleetAgent::StopPath() const {
+    return "/servlets/StatusUpdateServlet?agentKey=" + key_ +
+           "&agentStatus=AGENT_DOWN&serviceName=Corvinel%20Monitoring%20Agent";
+}
+
 std::string FleetAgent::RecordText(std::int64_t collected) {
     const std::int64_t step = collections_++;
     const auto form = static_cast<std::size_t>(step) % std::size(forms);

@@ -29,13 +29,17 @@ class FleetAgent {
     /// The path with which it registers.
     std::string RegistrationPath() const;
 
+    /// The path with which it says that it stops.
+    std::string StopPath() const;
+
     /// Collects: packs so many records, spread over the time since the last call, into the next zip. `now` is in
     /// seconds since 1970. Throws std::runtime_error when the packer fails.
     void Pack(int records, std::int64_t now);
 
     std::deque<WaitingZip> waiting;  // oldest first
-    bool isBusy = false;             // a pass goes on: each zip is tried once
-    std::size_t tried = 0;           // zips at the front that failed in this pass
+    bool isRegistered = false;
+    bool isBusy = false;    // a pass goes on: each zip is tried once
+    std::size_t tried = 0;  // zips at the front that failed in this pass
 
   private:
     std::string RecordText(std::int64_t collected);

@@ -5,6 +5,7 @@
 
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
+#include "lab/page/scope.h"
 #include "lab/store/record_facts.h"
 #include "lab/store/record_text.h"
 
@@ -75,6 +76,8 @@ Marked OutcomeOf(const AnsweredRequest& answered) {
 /// Nothing for 0 and for what is not known.
 Cell MomentOrNothing(std::optional<std::int64_t> time) { return time.value_or(0) > 0 ? Cell(Moment{*time}) : Cell(); }
 
+std::string AgentQuery(const RequestsView& view) { return view.agent.empty() ? "" : "?agent=" + UrlText(view.agent); }
+
 void AddStates(std::string& html, const RequestsView& view) {
     html += "<div class=tiles>\n";
     for (const StateWords& words : stateWords) {
@@ -105,7 +108,7 @@ Marked PlanWords(const AnsweredRequest& answered) {
 void AddPlans(std::string& html, const RequestsView& view) {
     const Table table = PlanTable(view.plans);
     if (table.rows.empty()) return;
-    AddSectionTitle(html, "Plans pushed", "/plans", "");
+    AddSectionTitle(html, "Plans pushed", "/plans", AgentQuery(view));
     html += "<div class=card>";
     AddHtmlTable(html, table);
     html += "</div>\n";
@@ -181,9 +184,11 @@ Table ShownNotices(const std::vector<Report>& notices) {
 }  // namespace
 
 void AddRequests(std::string& html, const RequestsView& view) {
+    if (!view.agent.empty())
+        Add(html, "<p>Those of <b>{}</b>. <a href=/requests>All requests</a></p>\n", Escape(view.agent));
     AddStates(html, view);
     AddPlans(html, view);
-    AddSectionTitle(html, "Requests and answers, newest first", "/requests", "");
+    AddSectionTitle(html, "Requests and answers, newest first", "/requests", AgentQuery(view));
     if (view.requests.empty())
         html +=
             "<p class=soft>No request has been queued. <code>kvlab request add</code> queues one, <code>kvlab conf "

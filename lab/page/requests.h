@@ -19,6 +19,7 @@ struct AnsweredRequest {
 };
 
 struct RequestsView {
+    std::string agent;                                         // whose requests these are; empty for all
     std::vector<std::pair<std::string, std::int64_t>> states;  // and how many requests are in each
     std::vector<AnsweredRequest> plans;                        // those that push plans, newest first
     std::vector<AnsweredRequest> requests;                     // newest first

@@ -154,7 +154,7 @@ std::string RequestsBody(Store& store, const ServletRequest& request) {
     const std::string agent = Parameter(request, "agent");
     std::string html;
     AddRequests(html,
-                {RequestStates(store), WithAnswers(store, LatestPlans(store, agent, plansOnPage)),
+                {agent, RequestStates(store, agent), WithAnswers(store, LatestPlans(store, agent, plansOnPage)),
                  WithAnswers(store, LatestRequests(store, agent, requestsOnPage)), LatestActions(store, noticesShown)});
     return html;
 }
@@ -210,7 +210,12 @@ Table MakeTotals(Store& store, const ServletRequest&) {
             {{totals.agents, totals.zips, totals.records, totals.refused}}};
 }
 
-Table MakeAgents(Store& store, const ServletRequest&) { return AgentTable(Agents(store), Now()); }
+Table MakeAgents(Store& store, const ServletRequest& request) {
+    std::vector<Agent> agents = Agents(store);
+    const std::string key = Parameter(request, "agent");
+    std::erase_if(agents, [&](const Agent& agent) { return !key.empty() && agent.details.key != key; });
+    return AgentTable(agents, Now());
+}
 
 // --- Paths
 

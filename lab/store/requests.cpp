@@ -230,8 +230,10 @@ std::vector<Request> LatestPlans(Store& store, std::string_view agent, std::int6
     return ReadRequests(rows);
 }
 
-std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store) {
-    Statement rows(*store.database, "SELECT state, count(*) FROM request GROUP BY state ORDER BY state");
+std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store, std::string_view agent) {
+    Statement rows(*store.database,
+                   "SELECT state, count(*) FROM request WHERE ?1 = '' OR agent = ?1 GROUP BY state ORDER BY state",
+                   agent);
     std::vector<std::pair<std::string, std::int64_t>> states;
     while (rows.Step()) states.emplace_back(rows.text(0), rows.number(1));
     return states;

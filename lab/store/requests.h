@@ -85,8 +85,8 @@ std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::i
 /// Those of them that push plans.
 std::vector<Request> LatestPlans(Store& store, std::string_view agent, std::int64_t limit);
 
-/// How many requests are in each state that some are in.
-std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store);
+/// How many requests are in each state that some are in; an empty agent means all.
+std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store, std::string_view agent = "");
 
 /// Newest first.
 std::vector<Report> AnswersTo(Store& store, const Request& request, std::int64_t limit);

@@ -12,6 +12,7 @@
 #include "agent/backends.h"
 #include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
+#include "lab/store/history.h"
 #include "lab/store/store.h"
 #include "platform/utf.h"
 #include "tests/support/isolation.h"

@@ -39,6 +39,7 @@ TEST_P(FleetAgainstLab, LosesNothingWhateverTheServerDoes) {
     EXPECT_EQ(report.zipsHeld, CountAll(store).zips);
     EXPECT_GE(*report.zipsHeld, report.acceptedZips) << "one was stored and half of its answer came";
     EXPECT_EQ(Agents(store).size(), 4U);
+    EXPECT_EQ(report.stops.count(), 0) << "it was interrupted";
     EXPECT_EQ(CountAll(store).records, CountAll(store).zips * 6);
     EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM record WHERE failed = 1"), 0);
     EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM source WHERE device <> ''"), 4) << "their switches";
@@ -54,6 +55,18 @@ TEST_P(FleetAgainstLab, TellsWhatIsLost) {
     const FleetReport report = RunUntil(8, Address());
     forgetful.join();
     EXPECT_EQ(report.lost(), 2);
+}
+
+TEST_P(FleetAgainstLab, SaysThatItStops) {
+    FleetOptions options;
+    options.server = Address();
+    options.agents = 3;
+    options.rate = 600;
+    options.seconds = 1;
+    const FleetReport report = RunFleet(
+        options, [](const FleetReport&) {}, [] { return false; });
+    EXPECT_EQ(report.stops.count(), 3);
+    for (const Agent& agent : Agents(store)) EXPECT_EQ(agent.status, "AGENT_DOWN");
 }
 
 INSTANTIATE_TEST_SUITE_P(Database, FleetAgainstLab, eachKind, KindName);
