@@ -20,8 +20,12 @@ Store OpenExisting(const Given& given) {
 
 std::string StoredValue(const Given& given, const char* name) { return CleanUtf8(Value(given, name)); }
 
-std::string ReadPlanFile(const std::string& path) {
+void RequireFile(const std::string& path) {
     if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
+}
+
+std::string ReadPlanFile(const std::string& path) {
+    RequireFile(path);
     std::ifstream file(path, std::ios::binary);
     if (!file.is_open() || std::filesystem::is_directory(path)) throw std::runtime_error("cannot read " + path);
     std::string bytes(maxEntryBytes + 1, '\0');  // one more than a plan may have: devices do not end

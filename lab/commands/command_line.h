@@ -32,6 +32,9 @@ Store OpenExisting(const Given& given);
 /// What is given for an option or a word, as the database holds texts: what is not UTF-8 stands as U+FFFD.
 std::string StoredValue(const Given& given, const char* name);
 
+/// NotFoundError when a file does not exist.
+void RequireFile(const std::string& path);
+
 /// The bytes of a plan's file. NotFoundError when it does not exist, std::runtime_error when it cannot be read.
 std::string ReadPlanFile(const std::string& path);
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <iterator>
@@ -44,7 +43,7 @@ std::string CaFile(const Given& given, const std::string& server) {
     const std::string file = Value(given, "--ca");
     if (file.empty()) return file;
     if (!server.starts_with("https://")) throw UsageError("--ca is for a server with https://");
-    if (!std::filesystem::exists(file)) throw NotFoundError("there is no file " + file);
+    RequireFile(file);
     std::ifstream stream(file, std::ios::binary);
     for (std::string line; std::getline(stream, line);)
         if (line.starts_with("-----BEGIN")) return file;

@@ -16,6 +16,9 @@ Filter FilterOf(const Given& given);
 /// ever came, each by itself. It tells the nearest name, or some that are known.
 void RequireKnown(Store& store, const Filter& filter);
 
+/// The same of a value's name, among those that the records of the filter have.
+void RequireKnownMember(Store& store, const Filter& filter, const std::optional<std::string>& member);
+
 /// When the newest record of known names was collected, for when a time holds nothing: "; the newest is of ...", or
 /// that the names never came together.
 std::string NewestText(Store& store, const Filter& filter);
@@ -29,8 +32,5 @@ bool IsCalled(const std::string& member, const std::string& name);
 
 /// So many series are searched for a name.
 inline constexpr std::int64_t seriesSearched = 5000;
-
-/// The same of a value's name, among those that the records of the filter have.
-void RequireKnownMember(Store& store, const Filter& filter, const std::optional<std::string>& member);
 
 }  // namespace kv::lab

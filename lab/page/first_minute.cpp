@@ -41,7 +41,8 @@ void AddMoreAgents(std::string& html, std::size_t count) {
         Add(html, "<p class=soft>… {} more: <a href=/agents>all agents</a></p>\n", count - agentsShown);
 }
 
-void AddPlan(std::string& html, const std::string& title, const std::vector<PlannedRecord>& plan, bool unfolded) {
+void AddPlan(std::string& html, std::string_view id, const std::string& title, const std::vector<PlannedRecord>& plan,
+             bool unfolded) {
     Table table{"plan",
                 {{"workflow", "Workflow"},
                  {"interval", "Minutes"},
@@ -51,7 +52,7 @@ void AddPlan(std::string& html, const std::string& title, const std::vector<Plan
                 {}};
     for (const PlannedRecord& record : plan)
         table.rows.push_back({record.workflow, record.interval, record.name, record.device, record.source});
-    Add(html, "<details id=\"plan-{0}\"{1}><summary>{0}</summary>", Escape(title), unfolded ? " open" : "");
+    Add(html, "<details id=\"plan-{}\"{}><summary>{}</summary>", Escape(id), unfolded ? " open" : "", Escape(title));
     AddHtmlTable(html, table);
     html += "</details>\n";
 }
@@ -67,10 +68,11 @@ void AddPlans(std::string& html, Store& store, const std::vector<Agent>& agents,
         anyUnknown = anyUnknown || plan.empty();
         anyStart = anyStart || (!plan.empty() && plan == start);
         if (!plan.empty() && plan != start)
-            AddPlan(html, "What " + key + " collects by the plan that was pushed to it", RecordsOfPlan(plan), unfolded);
+            AddPlan(html, key, "What " + key + " collects by the plan that was pushed to it", RecordsOfPlan(plan),
+                    unfolded);
     }
     if (anyStart)
-        AddPlan(html, "What an agent collects that starts with this server's plan", RecordsOfPlan(start), unfolded);
+        AddPlan(html, "", "What an agent collects that starts with this server's plan", RecordsOfPlan(start), unfolded);
     if (anyUnknown)
         html +=
             "<p class=soft>What is collected is not known here: agents have plans of their own. <code>kvlab serve "

@@ -98,7 +98,8 @@ double ReadLatestRate(Store& store, std::int64_t series, const Range& range, int
         if (!row.Step() || row.isNull(0)) return std::nan("");
         before = row.number(0);
     }
-    return ReadRates(store, series, {before, range.to}, INT64_MAX, bits).at(0).average;
+    const std::vector<Part> rates = ReadRates(store, series, {before, range.to}, INT64_MAX, bits);
+    return rates.empty() ? std::nan("") : rates[0].average;  // pruned meanwhile
 }
 
 std::vector<LatestValue> ReadLatestValues(Store& store, const Filter& filter, std::int64_t since, std::int64_t limit) {
