@@ -138,9 +138,9 @@ platform::Error Transact(std::uint8_t options) {
 void LookAtState() {
     const std::u16string_view key = agentState.gv_agentKey.view();
     Require(!key.empty() && key.size() <= 64 && key != u"." && key != u"..");
-    Require(key.find_first_of(u"\\/:*?\"<>|&#%+ \t\r\n") == key.npos);
+    Require(key.find_first_of(u"\\/:*?\"<>|&#%+ \t\r\n") == std::u16string_view::npos);
     const std::u16string_view timeout = agentState.gv_SNMPTimeout.view();
-    Require(timeout.size() <= 9 && timeout.find_first_not_of(u"0123456789") == timeout.npos);
+    Require(timeout.size() <= 9 && timeout.find_first_not_of(u"0123456789") == std::u16string_view::npos);
     Require(agentState.gv_agentRunFlag <= 1);
 }
 

@@ -46,7 +46,7 @@ class ScratchStore {
     ScratchStore(const ScratchStore&) = delete;
     ScratchStore& operator=(const ScratchStore&) = delete;
 
-    void Empty() {
+    void Empty() const {
         for (const char* table : {"sample", "series", "record", "source", "delivery", "agent", "answer", "notice",
                                   "refused", "request", "conf", "sqlite_sequence"})
             Execute(*store.database, std::string("DELETE FROM ") + table);

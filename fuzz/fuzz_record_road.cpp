@@ -95,7 +95,7 @@ std::optional<std::string> ExpectedRecord() {
 }
 
 std::string Unpacked(const std::string& zipBytes, const std::u16string& name) {
-    const ZipHandle zip = OpenZipMemory(zipBytes.data(), zipBytes.size(), nullptr);
+    ZipHandle zip = OpenZipMemory(zipBytes.data(), zipBytes.size(), nullptr);
     ZipItem item;
     Require(zip != nullptr && GetZipItem(zip, -1, item) == zip_result::ok && item.index == 1);
     Require(GetZipItem(zip, 0, item) == zip_result::ok && item.name == name);
