@@ -70,8 +70,8 @@ class Server:
     def offer_plan(self, plan):
         """The path of a new plan, whose zip it serves."""
         with self.lock:
-            path = f"servlets/Configuration/{len(self.plans) + 1}"
-            self.plans["/" + path] = zip_of({"queryconf.txt": plan})
+            path = f"/servlets/Configuration/{len(self.plans) + 1}"
+            self.plans[path] = zip_of({"queryconf.txt": plan})
         return path
 
     def count(self, servlet):
