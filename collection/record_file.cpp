@@ -90,12 +90,13 @@ void RaiseToFilesOnDisk(std::u16string_view directory, std::u16string_view exten
     store(highest);
 }
 
-void StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
+bool StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
     // Before VerifyLastFileNum, the last step of enrolling, has begun, the number is 0 and not worth storing.
-    if (number == 0) return;
-    if (const platform::Error failure = store(number)) {
-        Log1("\t StoreLastFileNum :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
-    }
+    if (number == 0) return true;
+    const platform::Error failure = store(number);
+    if (failure == platform::error::success) return true;
+    Log1("\t StoreLastFileNum :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
+    return false;
 }
 
 /// A record that was lost and has not been written since.
@@ -245,12 +246,14 @@ void VerifyLastFileNum() {
     RaiseToFilesOnDisk(u"zipdata", u".zip", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
 }
 
-void StoreLastFileNum() {
+bool StoreLastFileNum() {
     Log3("\t Inside StoreLastFileNum() \n");
     // A stop stores them beside the upload thread: nobody may store an older number over a newer one.
     const ResourceLock lock(&agentState.gv_ocLastCreatedZIPNum);
-    StoreNumber("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
-    StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
+    const bool isFirstStored =
+        StoreNumber("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
+    return StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum) &&
+           isFirstStored;
 }
 
 std::uint32_t parseFiles(std::u16string_view pattern) {

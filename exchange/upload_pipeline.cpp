@@ -157,14 +157,14 @@ bool CanBeMade(const ZipInProgress& zip) {
     return false;
 }
 
-bool IsFaultOfFile(ZipResult result) {
-    return result == zip_result::noFile || result == zip_result::readFailed || result == zip_result::sizeMismatch ||
-           result == zip_result::badArguments;
+/// The file cannot be read, or somebody changes it. The next pass may find it well.
+bool MayBeWellLater(ZipResult result) {
+    return result == zip_result::noFile || result == zip_result::readFailed || result == zip_result::sizeMismatch;
 }
 
 /// What came of packing one record file.
 enum class PackOutcome {
-    fileDone,    // it is in the zip, is gone meanwhile, or is lost
+    fileDone,    // it is in the zip, is gone meanwhile, stays for the next pass, or is lost
     zipIsFull,   // it has to wait for the next zip: this one has no room, or a source failed in its middle
     zipGivenUp,  // what was written of the zip is of no use
 };
@@ -185,8 +185,12 @@ PackOutcome PackFile(ZipInProgress& zip, const std::u16string& path) {
     if (result == zip_result::previousError) return PackOutcome::zipIsFull;
     Log1("\t StripTxtFiles :: Not able to add [%s] to the zip. Error is [0x%x] [%s]\n", path, result,
          ZipMessage(result));
-    if (result == zip_result::badArguments && !zip.packed.empty()) return PackOutcome::zipIsFull;
-    if (!IsFaultOfFile(result)) return PackOutcome::zipGivenUp;
+    if (MayBeWellLater(result)) {
+        Log1("\t StripTxtFiles :: [%s] cannot be read. It stays until the next pass\n", path);
+        return PackOutcome::fileDone;
+    }
+    if (result != zip_result::badArguments) return PackOutcome::zipGivenUp;
+    if (!zip.packed.empty()) return PackOutcome::zipIsFull;
     zip.lost.push_back(path);
     return PackOutcome::fileDone;
 }
@@ -233,13 +237,16 @@ void DeleteDoneFiles(const std::vector<std::u16string>& paths) {
 ///
 /// The zip is written under a name that is not uploaded and renamed when closed, so that a killed agent leaves no half
 /// zip in the queue. The sources are deleted only once the zip is closed, on the disk and renamed, so that a killed
-/// agent loses no record. A source that cannot be packed is deleted, too: it would come back in every pass. When the
-/// zip or the disk is at fault, all stay.
+/// agent loses no record. A source that no zip can take is deleted, too: it would come back in every pass. When the zip
+/// or the disk is at fault, all stay; so does a source that cannot be read.
 BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nameBase) {
     const std::u16string path = NextZipPath(nameBase);
     // Before there is a zip of this number, or one of these records is deleted: so no later run can give their names to
-    // other content.
-    StoreLastFileNum();
+    // other content. While they cannot be stored, nothing goes out.
+    if (!StoreLastFileNum()) {
+        Log1("\t StripTxtFiles :: The record files stay until their numbers can be stored\n");
+        return {};
+    }
     ZipInProgress zip(path + u".tmp");
     if (!CanBeMade(zip)) return {};
     zip.zip = CreateZip(zip.temporaryPath, nullptr);

@@ -245,12 +245,18 @@ TEST_F(UploadPipeline, WaitsForABusyRecordAndPacksItOnceItIsFree) {
 
 TEST_F(UploadPipeline, LogsFailuresOfPackingAndLeavesNoHalfZip) {
     using Operations = platform::FileOperations;
+    Operations huge = platform::Files();
+    huge.GetFileInformationByHandle = [real = huge.GetFileInformationByHandle](auto file, auto& information) {
+        const platform::Error error = real(file, information);
+        return information.size = 5ULL << 30, error;
+    };
     const std::tuple<Operations, std::size_t, const char*> rows[] = {
         {Failing(&Operations::CreateFileW, platform::error::accessDenied), 1,
          "[1] of the files found in data cannot be"},
         {Failing(&Operations::FlushFileBuffers, platform::error::diskFull), 1, "K7_1.tmp] is given up. Its record"},
         {Failing(&Operations::MoveFileExW, platform::error::accessDenied), 1, "Not able to rename"},
-        {Failing(&Operations::ReadFile, platform::error::readFault), 0, "[data\\Agent_K7_1.txt] is lost"},
+        {Failing(&Operations::ReadFile, platform::error::readFault), 1, "[data\\Agent_K7_1.txt] cannot be read"},
+        {huge, 0, "[data\\Agent_K7_1.txt] is lost"},
     };
     for (const auto& [files, kept, logged] : rows) {
         WriteRecords(1, 1);
@@ -263,7 +269,24 @@ TEST_F(UploadPipeline, LogsFailuresOfPackingAndLeavesNoHalfZip) {
     }
     std::filesystem::create_directories(data / "directory.txt");
     Pack();
-    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 3U) << "a directory takes no number";
+    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 4U) << "a directory takes no number";
+}
+
+TEST_F(UploadPipeline, NothingGoesOutUnderANumberThatCannotBeStored) {
+    WriteRecords(1, 2);
+    agentState.gv_ocLastCreatedJSONNum = 2;
+    {
+        platform::RegistryOperations full = platform::Registry();
+        full.RegSetValueExW = [](auto&&...) { return platform::error::diskFull; };
+        const platform::ScopedOperations<platform::RegistryOperations> failing(full);
+        Pack();
+    }
+    EXPECT_EQ(FilesIn(data).size(), 2U);
+    EXPECT_THAT(FilesIn(zipdata), IsEmpty());
+    EXPECT_TRUE(Logged("stay until their numbers can be stored"));
+    Pack();
+    EXPECT_THAT(FilesIn(data), IsEmpty());
+    EXPECT_EQ(KeptRecords(), RecordNames(1, 2));
 }
 
 TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
@@ -288,10 +311,11 @@ TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
     const FileOverride failing(files);
     agentState.gv_ocLastCreatedJSONNum = 5;
     Pack();
-    EXPECT_THAT(FilesIn(data), IsEmpty());
+    EXPECT_THAT(FilesIn(data), testing::ElementsAre("Agent_K7_3.txt"));
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), RecordNames(1, 2));
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(4, 5));
-    EXPECT_TRUE(Logged("[data\\Agent_K7_3.txt] is lost"));
+    EXPECT_TRUE(Logged("[data\\Agent_K7_3.txt] cannot be read. It stays"));
+    EXPECT_FALSE(Logged("is lost"));
     GetMALastCreatedJSONNum(stored);
     EXPECT_EQ(stored, 5U);
 }

@@ -191,25 +191,34 @@ ssize_t Written(int descriptor, size_t size, Write write) {
     return step.Done(write(size));
 }
 
-/// A copy of a record that has its final name, unless an equal one is there.
-void Witness(std::string_view path) {
-    const std::size_t name = path.rfind('/');
-    if (name == std::string_view::npos || !path.ends_with(".txt")) return;
-    const std::string_view folder = path.substr(0, name);
-    if (folder != "data" && !folder.ends_with("/data")) return;
-    static std::atomic<int> copies{0};
-    const std::string target = witness + std::string(path.substr(name)) + "." + std::to_string(getpid()) + "." +
-                               std::to_string(copies.fetch_add(1));
-    std::ofstream(target + ".part", std::ios::binary) << std::ifstream(std::string(path), std::ios::binary).rdbuf();
-    rename((target + ".part").c_str(), target.c_str());
-}
+/// A copy of a record that is about to get its final name, under a name that is given up unless it gets it.
+class Witness {
+  public:
+    Witness(const char* from, std::string_view to) {
+        const std::size_t name = to.rfind('/');
+        if (!IsRoots(from) || name == std::string_view::npos || !to.ends_with(".txt")) return;
+        const std::string_view folder = to.substr(0, name);
+        if (folder != "data" && !folder.ends_with("/data")) return;
+        static std::atomic<int> copies{0};
+        copy_ = witness + std::string(to.substr(name)) + "." + std::to_string(getpid()) + "." +
+                std::to_string(copies.fetch_add(1));
+        std::ofstream(copy_ + ".part", std::ios::binary) << std::ifstream(from, std::ios::binary).rdbuf();
+    }
+    void Keep() const {
+        if (!copy_.empty()) rename((copy_ + ".part").c_str(), copy_.c_str());
+    }
+
+  private:
+    std::string copy_;
+};
 
 template <class Rename>
-int Renamed(const char* to, Rename rename) {
+int Renamed(const char* from, const char* to, Rename rename) {
     const Step step(renames, IsRoots(to));
     if (step.Fails()) return step.Failure(-1);
+    const Witness copy(from, to);
     const int result = rename();
-    if (result == 0 && IsRoots(to)) Witness(to);
+    if (result == 0) copy.Keep();
     return step.Done(result);
 }
 
@@ -283,12 +292,12 @@ ssize_t pread64(int descriptor, void* bytes, size_t size, off64_t offset) {
 
 int rename(const char* from, const char* to) {
     REAL(rename);
-    return Renamed(to, [&] { return real(from, to); });
+    return Renamed(from, to, [&] { return real(from, to); });
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned int flags) {
     REAL(renameat2);
-    return Renamed(to, [&] { return real(fromFolder, from, toFolder, to, flags); });
+    return Renamed(from, to, [&] { return real(fromFolder, from, toFolder, to, flags); });
 }
 
 int unlink(const char* path) {

@@ -1,0 +1,201 @@
+"""A disk that is full, nearly full, without inodes, read-only, slow, over its quota, or fails: the agent lives, goes on by
+itself once the disk is well, its plan and registry are old or new, and each record that was complete arrives."""
+
+import errno
+import os
+import pathlib
+import random
+import signal
+import subprocess
+
+import agent as long_agent
+from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES, Agent, Broken,
+                   plan, script, workflow)
+from kill import BIG
+from server import Server
+
+ROUNDS = 300
+ROUNDS_OF_A_TREE = 15
+SIZE = 6 << 20
+TAKES_SPACE = OPENS | WRITES | MAKES_FOLDER
+
+
+class Disk:
+    """A file system of a few megabytes in memory, on which the agent's tree stands."""
+
+    def __init__(self, place):
+        self.place = pathlib.Path(place)
+        self.place.mkdir(parents=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={SIZE},nr_inodes=400", "long-gate", self.place], check=True)
+
+    def fill(self, left):
+        """Takes all room but so many bytes."""
+        (self.place / "filler").touch()
+        with open(self.place / "filler", "wb", buffering=0) as filler:
+            try:
+                while True:
+                    filler.write(bytes(4096))
+            except OSError as full:
+                if full.errno != errno.ENOSPC:
+                    raise
+        if left:
+            os.truncate(self.place / "filler", max(0, os.path.getsize(self.place / "filler") - left))
+
+    def take_inodes(self, left):
+        (self.place / "inodes").mkdir()
+        taken = []
+        try:
+            while True:
+                taken.append(self.place / "inodes" / str(len(taken)))
+                taken[-1].touch()
+        except OSError as full:
+            if full.errno != errno.ENOSPC:
+                raise
+        for path in taken[:left]:
+            path.unlink(missing_ok=True)
+
+    def remount(self, how):
+        subprocess.run(["mount", "-o", f"remount,{how}", self.place], check=True)
+
+    def heal(self):
+        self.remount("rw")
+        (self.place / "filler").unlink(missing_ok=True)
+        subprocess.run(["rm", "-rf", self.place / "inodes"], check=True)
+
+    def close(self):
+        subprocess.run(["umount", "-l", self.place], check=True)
+
+
+# name, what is done to the tree for a while; each is given the tree and a source of chance
+def full(tree, chance):
+    tree.disk.fill(0)
+
+
+def nearly_full(tree, chance):
+    tree.disk.fill(chance.randrange(1, 60) * 4096)
+
+
+def without_inodes(tree, chance):
+    tree.disk.take_inodes(chance.choice((0, 0, 1, 2, 5)))
+
+
+def read_only(tree, chance):
+    if chance.random() < 0.3:  # from its start; a running agent keeps files open for writing, which holds a remount off
+        tree.agent.kill()
+        tree.disk.remount("ro")
+        tree.agent.start()
+    else:
+        tree.agent.control.strike(FAIL, errno.EROFS)
+
+
+def slow(tree, chance):
+    tree.agent.control.strike(SLOW, chance.randrange(1, 20) * 1_000_000, per_million=300_000, kinds=CHANGES | READS)
+
+
+def over_quota(tree, chance):
+    tree.agent.control.strike(FAIL, errno.EDQUOT, kinds=TAKES_SPACE, per_million=chance.choice((1_000_000, 300_000)))
+
+
+def writes_half(tree, chance):
+    tree.agent.control.strike(WRITE_HALF, errno.ENOSPC, kinds=WRITES, per_million=chance.choice((1_000_000, 300_000)))
+
+
+def failing(tree, chance):
+    kinds = chance.choice((CHANGES, CHANGES | READS, WRITES | SYNCS, RENAMES | UNLINKS, OPENS))
+    tree.agent.control.strike(FAIL, errno.EIO, kinds=kinds, per_million=chance.choice((1_000_000, 200_000, 50_000)),
+                              seed=chance.randrange(1 << 30))
+
+
+FAULTS = (full, nearly_full, without_inodes, read_only, slow, over_quota, writes_half, failing)
+
+
+class Tree:
+    def __init__(self, folder, server):
+        self.disk = Disk(folder / "agent")
+        self.server = server
+        self.agent = Agent(folder, server.port, settings={"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 5}})
+        self.agent.write_script("big.sh", BIG)
+        self.plans = [self.plan_bytes(0)]
+        self.agent.write_plan(self.plans[0])
+        self.agent.start()
+
+    @staticmethod
+    def plan_bytes(number):
+        return plan(workflow(f"w{number}", [script("One"), script("Big", "big.sh"), script("Two")]))
+
+    def order_plan(self):
+        self.plans.append(self.plan_bytes(len(self.plans)))
+        self.agent.ask(self.server, {"AGENT_REQUEST_ID": "1", "REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "LONG1",
+                                     "DOWNLOAD_URL": self.server.offer_plan(self.plans[-1])})
+
+    def suffer(self, fault, chance):
+        """The fault for up to four minutes of the agent's clock, which one in ten times is stopped in the midst of it."""
+        fault(self, chance)
+        self.agent.virtual(chance.uniform(30, 240))
+        if not self.agent.is_running():
+            raise Broken(f"the agent ended with {self.agent.process.returncode}")
+        self.check("while it lasts")
+        if chance.random() < 0.1:
+            self.agent.kill()
+
+    def recover(self):
+        self.agent.control.relent()
+        self.disk.heal()
+        if not self.agent.is_running():
+            self.agent.start()
+        before = sum(self.server.zips.values())
+        records = len(self.agent.witnessed())
+        self.agent.until(lambda: sum(self.server.zips.values()) > before and len(self.agent.witnessed()) > records, 20,
+                         "a record and an upload on the disk that is well again")
+        self.check("once it is over")
+
+    def check(self, when):
+        self.agent.process.send_signal(signal.SIGSTOP)
+        try:
+            in_use = self.agent.monitoring / "conf/queryconf.txt"
+            if in_use.read_bytes() not in self.plans:
+                raise Broken(f"the plan is neither old nor new {when}")
+            self.agent.vouch(self.server)
+        finally:
+            self.agent.process.send_signal(signal.SIGCONT)
+
+    def close(self):
+        self.agent.kill()
+        self.disk.close()
+        self.agent.remove()
+
+
+def run(seed, quick, folder):
+    rounds = ROUNDS // (20 if quick else 1)
+    counts = dict.fromkeys(FAULTS, 0)
+    records = twice = 0
+    for start in range(0, rounds, ROUNDS_OF_A_TREE):
+        chance = random.Random(f"{seed}/{start}")
+        server = Server()
+        tree = Tree(pathlib.Path(folder) / f"disk-{start}", server)
+        try:
+            for round_ in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
+                fault = FAULTS[round_ % len(FAULTS)]
+                try:
+                    if chance.random() < 0.3:
+                        tree.order_plan()
+                    tree.suffer(fault, chance)
+                    tree.recover()
+                except Broken as broken:
+                    raise Broken(f"disk, seed {seed}, round {round_}, {fault.__name__}: {broken}")
+                counts[fault] += 1
+            numbers = tree.agent.numbers()
+            if min(numbers) < 1:
+                raise Broken(f"disk, seed {seed}, tree {start}: the registry has the numbers {numbers}")
+            settled = long_agent.settle(tree.agent, server)
+            records, twice = records + settled[0], twice + settled[1]
+        finally:
+            tree.close()
+            server.close()
+    return {"title": "Disks", "lines": [
+        f"{sum(counts.values())} rounds: " + ", ".join(f"{fault.__name__.replace('_', ' ')} {count}"
+                                                       for fault, count in counts.items()),
+        "full, without inodes and read-only from the start are a real file system of 6 MiB; slow, quota, half a write and EIO "
+        "come from the preloaded library, operation by operation",
+        f"the agent lived and went on by itself in each; {records} records were complete, 0 lost; {twice} came twice; plan and "
+        "registry were old or new"]}
