@@ -62,7 +62,8 @@ Error WithConnection(Store& store, Purpose purpose, Operation&& operation) {
     Error failure = Connect(store.database, purpose);
     if (failure == error::success)
         failure = WithSqliteErrors([&] { return operation(store.database.connection.get()); });
-    if (failure == error::databaseCorrupt || failure == error::readFault) Disconnect(store.database);
+    const bool isBroken = failure == error::databaseCorrupt || failure == error::readFault;
+    if (isBroken || (failure == error::accessDenied && HasBecomeWritable(store.database))) Disconnect(store.database);
     return failure;
 }
 

@@ -226,6 +226,12 @@ Error Connect(RegistryDatabase& database, Purpose purpose) {
     return failure;
 }
 
+bool HasBecomeWritable(const RegistryDatabase& database) {
+    constexpr int basicCode = 0xFF;
+    return database.connection && (sqlite3_errcode(database.connection.get()) & basicCode) == SQLITE_READONLY &&
+           access(RegistryPath().c_str(), W_OK) == 0;
+}
+
 void Disconnect(RegistryDatabase& database) {
     database.connection.reset();
     database.preparedForWriting = false;

@@ -30,6 +30,10 @@ enum class Purpose { read, write };
 /// that was open before stays open, unless the file turned out to be broken.
 [[nodiscard]] Error Connect(RegistryDatabase& database, Purpose purpose);
 
+/// Right after a failure: whether it came from a file that could only be read when it was opened, and can be written
+/// by now. Its connection would stay as it is.
+[[nodiscard]] bool HasBecomeWritable(const RegistryDatabase& database);
+
 void Disconnect(RegistryDatabase& database);
 
 /// The system error for what SQLite has reported.

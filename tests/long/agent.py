@@ -188,7 +188,8 @@ class Agent:
         end = time.monotonic() + patience
         while not condition():
             if time.monotonic() > end:
-                raise Broken(f"{what} did not come in {patience} s; the log ends:\n{self.log()[-1500:]}")
+                raise Broken(f"{what} did not come in {patience} s; the log ends:\n{self.log()[-1500:]}\n"
+                             f"and its output:\n{(self.folder / 'output').read_text('utf-8', 'replace')[-500:]}")
             time.sleep(0.02)
 
     def witnessed(self):

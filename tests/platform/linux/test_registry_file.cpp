@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -59,6 +60,28 @@ TEST_F(RegistryFile, IsReadOnAFullDiskWithoutCompanions) {
     const RegistryOperations other = platform::LinuxRegistry();  // a second connection, like that of another process
     EXPECT_EQ(SetBytes(u"K", u"v", "3", RegistryType::binary, other), error::success);
     EXPECT_EQ(GetBytes(u"K", u"v"), "3") << "with room again";
+}
+
+TEST_F(RegistryFile, IsWrittenOnceADiskThatWasReadOnlyIsWritable) {
+    ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
+    CloseRegistry();
+    constexpr uid_t someone = 65534;  // whom permissions hold back, unlike the superuser
+    const std::string files[] = {file, file.string() + "-wal", file.string() + "-shm"};
+    for (const std::string& name : files) chmod(name.c_str(), 0444);
+    if (geteuid() == 0) {
+        for (const fs::path& name : {folder, folder / "state"}) ASSERT_EQ(chown(name.c_str(), someone, someone), 0);
+        for (const std::string& name : files) ASSERT_EQ(chown(name.c_str(), someone, someone), 0);
+        setfsuid(someone);
+    }
+    EXPECT_EQ(GetBytes(u"K", u"v"), "1");
+    EXPECT_NE(SetBytes(u"K", u"v", "2"), error::success);
+    for (const std::string& name : files) chmod(name.c_str(), 0600);
+    const Error first = SetBytes(u"K", u"v", "3");
+    const Error second = SetBytes(u"K", u"v", "4");
+    setfsuid(geteuid());
+    EXPECT_TRUE(first == error::success || first == error::accessDenied) << first;
+    EXPECT_EQ(second, error::success);
+    EXPECT_EQ(GetBytes(u"K", u"v"), "4");
 }
 
 TEST_F(RegistryFile, AWriteMakesADeletedFileAgainWithoutItsKeys) {
