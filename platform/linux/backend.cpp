@@ -21,6 +21,7 @@ void SettleSignals() {
 void InstallBackend() {
     SettleSignals();
     ReadStateDirectory();
+    BoundFreeMemory();
     CurrentOperations<ClockOperations>() = LinuxClock();
     CurrentOperations<CryptoOperations>() = LinuxCrypto();
     CurrentOperations<FileOperations>() = LinuxFiles();

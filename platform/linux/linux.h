@@ -54,6 +54,11 @@ inline constexpr const char* stateDirectoryVariable = "KVAGENT_STATE_DIR";
 /// Reads the state directory from the environment. Called by InstallBackend, before any other thread runs.
 void ReadStateDirectory();
 
+/// Has large pieces of memory go back to the system as soon as they are freed. Left alone, the C library raises its
+/// bounds with each such piece, up to 64 MB, and keeps that much for each thread, where malloc_trim does not look.
+/// Called by InstallBackend.
+void BoundFreeMemory();
+
 /// This system's form of a path, in UTF-8: backslashes become slashes, and a path on a drive becomes one in the state
 /// directory ("c:\a\b" is drive_c/a/b), where ".." does not climb over the drive's root. A zero character becomes
 /// U+FFFD.

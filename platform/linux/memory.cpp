@@ -96,4 +96,9 @@ void TrimResidentLibraryPages() {
 
 void ReleaseFreeMemory() { malloc_trim(0); }
 
+void BoundFreeMemory() {
+    mallopt(M_MMAP_THRESHOLD, static_cast<int>(largePieceBytes));
+    mallopt(M_TRIM_THRESHOLD, static_cast<int>(largePieceBytes));
+}
+
 }  // namespace platform

@@ -83,6 +83,22 @@ TEST_F(SystemTest, GivesFreedMemoryBackBelowMemoryInUse) {
     EXPECT_LT(ResidentPages().all, before.all + 1000);
 }
 
+TEST_F(SystemTest, AThreadKeepsNoLargePieces) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer keeps freed memory";
+#endif
+    long kept = 0;
+    std::thread([&kept] {
+        const ResidentPages before;
+        for (const std::size_t bytes : {20'000'000U, 16'000'000U}) {
+            const std::string piece(bytes, 'x');
+            EXPECT_GT(ResidentPages().all, before.all + 3000);
+        }
+        kept = ResidentPages().all - before.all;
+    }).join();
+    EXPECT_LT(kept, 1000);
+}
+
 }  // namespace
 
 }  // namespace platform::test
