@@ -67,14 +67,24 @@ std::uint64_t UnpackedSize(std::u16string_view archive) {
     return std::min(size, maxUnpackedBytes);
 }
 
+/// Whether a downloaded entry is one that stays. A file that has its name in other letters gets the right ones: Windows
+/// takes both for one, and elsewhere each spelling would stay for good.
+bool StaysInDownloads(std::u16string_view directory, const platform::FindData& file) {
+    const auto* const kept = std::find_if(std::begin(keptDownloads), std::end(keptDownloads),
+                                          [&](auto name) { return CompareIgnoreCase(file.fileName, name) == 0; });
+    if (kept == std::end(keptDownloads)) return false;
+    return file.fileName == *kept ||
+           (!file.isDirectory &&
+            Files().MoveFileExW(ConcatStrings(directory, file.fileName), ConcatStrings(directory, *kept),
+                                platform::MoveTarget::isReplaced) == error::success);
+}
+
 /// Deletes what an archive has brought beside the plan; nothing else ever would.
 void ClearDownloads(std::u16string_view directory) {
     int failed = 0, deleted = 0;
     for (FileSearch search(ConcatStrings(directory, u"*")); search.hasFile(); search.Next()) {
         const std::u16string& name = search.file.fileName;
-        const auto isName = [&name](std::u16string_view kept) { return CompareIgnoreCase(name, kept) == 0; };
-        if (name == u"." || name == u".." || std::any_of(std::begin(keptDownloads), std::end(keptDownloads), isName))
-            continue;
+        if (name == u"." || name == u".." || StaysInDownloads(directory, search.file)) continue;
         const std::u16string path = ConcatStrings(directory, name);
         const bool gone = search.file.isDirectory ? DeleteDirectoryRecursively(path) == 1
                                                   : Files().DeleteFileW(path) == error::success;

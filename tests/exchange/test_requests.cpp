@@ -238,7 +238,8 @@ std::string Variable(char last, std::uint8_t tag, const char* hex) {
 TEST_F(Requests, OnlyThePlanOfADownloadedArchiveStays) {
     constexpr std::string_view plan = R"({"WorkFlows_S": [{"interval": 5, "recordSetName": []}]})";
     const ZipHandle zip = CreateZip(u"plan.zip", nullptr);
-    for (const char16_t* name : {u"queryconf.txt", u"other.txt", u"a/deep/er.txt", u"RequestList.txt/x"})
+    for (const char16_t* name :
+         {u"queryconf.txt", u"QueryConf.TXT", u"other.txt", u"a/deep/er.txt", u"RequestList.txt/x"})
         EXPECT_EQ(AddMemoryToZip(zip, name, plan.data(), plan.size()), zip_result::ok);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
     server.server->Get("/plan.zip", [bytes = Read(bin / "plan.zip")](const httplib::Request&, httplib::Response& got) {
