@@ -18,7 +18,7 @@ namespace kv::snmp {
 /// slow with each would hold up all other collection.
 struct WalkBounds {
     std::int32_t values = 1'000'000;         // of one OID
-    std::int64_t bytes = 256 * 1024 * 1024;  // that a request holds: its records, names and values, and their texts
+    std::int64_t bytes = 128 * 1024 * 1024;  // that a request holds: its records, names and values, and their texts
     std::uint64_t milliseconds = 60 * 60 * 1000;  // of a request
 };
 

@@ -157,6 +157,8 @@ TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
         EXPECT_EQ(platform::Utf8FromWide(agentState.gv_LastAccessName.view()), row.remembered);
     }
     EXPECT_EQ(ReadLastEvents().failure, "/x: no address of the server is set");
+    Get(somePort, std::u16string(9999, u'x'));
+    EXPECT_EQ(ReadLastEvents().failure, std::string(200, 'x') + ": no address of the server is set");
 }
 
 TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
