@@ -289,6 +289,21 @@ TEST_F(UploadPipeline, NothingGoesOutUnderANumberThatCannotBeStored) {
     EXPECT_EQ(KeptRecords(), RecordNames(1, 2));
 }
 
+TEST_F(UploadPipeline, WhatCannotBeMadeOrDeletedLosesNoRecord) {
+    WriteRecords(1, 2);
+    std::filesystem::remove(zipdata);
+    Pack();
+    EXPECT_TRUE(Logged("_1.tmp] cannot be made. The record files stay"));
+    EXPECT_EQ(FilesIn(data).size(), 2U);
+    const FileOverride kept(Failing(&platform::FileOperations::DeleteFileW, platform::error::accessDenied));
+    Pack();
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(1, 2)) << "the directory is there again";
+    EXPECT_EQ(TimesLogged("It will be packed again"), 2);
+    SendDetailstoCS(1);
+    EXPECT_EQ(accepted.size(), 1U);
+    EXPECT_TRUE(Logged("Error in Deleting ZipFileName [zipdata\\Agent_K7_2.zip]"));
+}
+
 TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
     WriteRecords(1, 5);
     platform::FileHandle bad = 0;

@@ -227,6 +227,32 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     EXPECT_EQ(response, u"\u6261\u6463");  // whole characters of what came
     RawServer gone(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "nothing came";
+    std::u16string url = u"/x";
+    agentState.gv_ServerPort = cut.port;
+    const Replaced full(&platform::FileOperations::WriteFile, [](auto&&...) { return platform::error::diskFull; });
+    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), 112u);
+}
+
+TEST_F(HttpTransport, APostThatWantsTheAnswerNeedsItsLength) {
+    const std::tuple<const char*, platform::Error, OptionalText> rows[] = {
+        {"Content-Length: 4\r\n\r\na\x01", 0, u"\u0161"},  // the end of a cut answer
+        {"\r\n", 12150, std::nullopt},
+        {"Content-Length: x\r\n\r\n", 12152, std::nullopt},
+        {"Content-Length: 67108865\r\n\r\n", 8, std::nullopt},
+        {"Content-Length: 4294967296\r\n\r\n", 12152, std::nullopt},
+    };
+    for (const auto& [answer, result, text] : rows) {
+        RawServer server([&answer = answer](Socket connection, const std::string&) {
+            char body[2];
+            ReceiveBytes(connection, body, sizeof body);
+            SendText(connection, std::string("HTTP/1.1 200 OK\r\n") + answer);
+        });
+        agentState.gv_ServerPort = server.port;
+        std::u16string url = u"/x";
+        OptionalText response;
+        EXPECT_EQ(InternetSendRequest({}, 0, url, "body", &response, false), result) << answer;
+        EXPECT_EQ(response, text) << answer;
+    }
 }
 
 TEST_F(HttpTransport, RefusesInvalidCalls) {
