@@ -44,6 +44,7 @@ class Server:
     def __init__(self, key="LONG1", port=0):
         self.key = key
         self.fault = None
+        self.snmp_timeout = 5  # seconds
         self.lock = threading.Lock()
         self.records = {}      # name -> {sha256 of the content: how often it came}
         self.zips = {}         # FILENAME -> how often it came
@@ -117,7 +118,7 @@ class Server:
     def respond(self, request):
         """The honest answer, with what it does to the server."""
         if request.servlet == "RegisterAgent":
-            return answer(headers=(("timeDiff", 0), ("AgentKey", self.key), ("AgentRun", 1), ("SNMPTimeout", 5)))
+            return answer(headers=(("timeDiff", 0), ("AgentKey", self.key), ("AgentRun", 1), ("SNMPTimeout", self.snmp_timeout)))
         if request.servlet == "FileCollector":
             return answer() if self.accept(request) else answer(400, reason="Bad Request")
         if request.servlet == "DataAgentHandlerServlet":

@@ -1,0 +1,99 @@
+"""Sets the clock back and forth, runs through the ends of its counts, and suspends the machine: records and uploads go on."""
+
+import calendar
+import pathlib
+import signal
+import time
+
+import agent as long_agent
+from agent import SECOND, Agent, Broken, plan, script, workflow
+from server import Server
+
+MINUTE, HOUR, DAY, YEAR = 60, 3600, 86400, 31_557_600
+STEPS = [sign * size for size in (1, 2, 59, HOUR, 25 * HOUR, 40 * DAY, YEAR, 30 * YEAR) for sign in (-1, 1)]
+# a moment, and what ends there; the agent is started a minute before it
+MOMENTS = {
+    "the last second of signed 32 bits": 2**31, "the last second of unsigned 32 bits": 2**32,
+    "February of 2100": calendar.timegm((2100, 2, 28, 24, 0, 0)), "the year 2038": calendar.timegm((2038, 1, 1, 0, 0, 0)),
+    "a leap day": calendar.timegm((2028, 2, 29, 24, 0, 0)), "the epoch": MINUTE + 1,
+}
+PATIENCE = 20  # real seconds, 40 minutes of the agent's clock
+
+
+class Watch:
+    """An agent with a workflow of one minute, and what comes of it after each change of its clock."""
+
+    def __init__(self, folder):
+        self.server = Server()
+        self.agent = Agent(folder, self.server.port)
+        self.agent.write_plan(plan(workflow("w", [script("One")]), workflow("v", [script("Two")], interval=2)))
+        self.worst = 0.0
+
+    def goes_on(self, what):
+        """Sees a record and an upload come."""
+        agent, start = self.agent, time.monotonic()
+        records, zips = len(agent.witnessed()), sum(self.server.zips.values())
+        agent.until(lambda: len(agent.witnessed()) > records and sum(self.server.zips.values()) > zips, PATIENCE,
+                    f"a record and an upload after {what}")
+        self.worst = max(self.worst, (time.monotonic() - start) * agent.control.rate / MINUTE)
+
+    def set_to(self, moment):
+        self.agent.control.turn(moment - self.agent.control.wall())
+
+    def steps(self):
+        self.agent.start()
+        self.goes_on("a start")
+        for step in STEPS:
+            self.agent.control.turn(step)
+            self.goes_on(f"a step of {step} s")
+            if step < 0 and step % HOUR == 0:  # and a start at a time before that of its own files
+                self.agent.kill()
+                self.agent.start()
+                self.goes_on(f"a start after a step of {step} s")
+        self.agent.kill()
+
+    def moments(self):
+        for name, moment in MOMENTS.items():
+            self.set_to(moment - MINUTE)
+            self.agent.start()
+            self.goes_on(f"a start before {name}")
+            self.agent.until(lambda: self.agent.control.wall() > moment + MINUTE, what="the moment")
+            self.goes_on(name)
+            self.agent.kill()
+        self.set_to(time.time())
+
+    def sleep(self):
+        """Stopped by a signal; then suspended for hours, in which the monotonic clock stands still."""
+        self.agent.start()
+        self.goes_on("a start")
+        for seconds in (0.2, 1.5):
+            self.agent.process.send_signal(signal.SIGSTOP)
+            time.sleep(seconds)
+            self.agent.process.send_signal(signal.SIGCONT)
+            self.goes_on(f"{seconds} s of SIGSTOP")
+        for hours in (1, 8, 24 * 20):
+            records = len(self.agent.witnessed())
+            self.agent.control.set(asleep=self.agent.control.get("asleep") + hours * HOUR * SECOND)
+            self.agent.control.turn(hours * HOUR)
+            self.goes_on(f"{hours} hours of sleep")
+            self.agent.virtual(3 * MINUTE)
+            if (burst := len(self.agent.witnessed()) - records) > 100:
+                raise Broken(f"{burst} records came at once after {hours} hours of sleep")
+        self.agent.kill()
+
+
+def run(seed, quick, folder):
+    watch = Watch(pathlib.Path(folder) / "clock")
+    try:
+        for part in (watch.steps, watch.moments, watch.sleep):
+            part()
+            watch.agent.vouch(watch.server)
+        records, twice = long_agent.settle(watch.agent, watch.server)
+    finally:
+        watch.agent.remove()
+        watch.server.close()
+    return {"title": "Clocks", "lines": [
+        f"{len(STEPS)} steps of the clock by 1 second to 30 years, back and forth, with starts before the times of its own files; "
+        f"{len(MOMENTS)} moments run through ({', '.join(MOMENTS)}); SIGSTOP, and sleep of 1 hour, 8 hours and 20 days",
+        f"a record and an upload came after each within {watch.worst:.1f} minutes of its clock (the plan has one a minute); "
+        f"{records} records, 0 lost, {twice} came twice"]}
