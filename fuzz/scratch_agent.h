@@ -26,6 +26,7 @@ class ScratchAgent {
         folder_ = pattern;
         bin = folder_ / "bin";
         std::filesystem::create_directories(bin / "zipdata");
+        std::filesystem::create_directories(folder_ / "conf" / "scripts");
         std::filesystem::create_directories(folder_ / "state");
         setenv("KVAGENT_STATE_DIR", (folder_ / "state").c_str(), 1);
         InstallBackends();
