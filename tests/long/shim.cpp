@@ -17,7 +17,6 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -202,7 +201,21 @@ class Witness {
         static std::atomic<int> copies{0};
         copy_ = witness + std::string(to.substr(name)) + "." + std::to_string(getpid()) + "." +
                 std::to_string(copies.fetch_add(1));
-        std::ofstream(copy_ + ".part", std::ios::binary) << std::ifstream(from, std::ios::binary).rdbuf();
+        const int source = open(from, O_RDONLY | O_CLOEXEC);
+        if (source < 0) {
+            copy_.clear();
+            return;
+        }  // the renaming will fail, too
+        const int target = open((copy_ + ".part").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        isRoots[source] = false;  // this reading is no operation of the agent
+        char block[65536];
+        for (ssize_t count = 0; (count = read(source, block, sizeof block)) > 0;) {
+            if (write(target, block, static_cast<size_t>(count)) == count) continue;
+            perror("a copy of a record cannot be written");
+            abort();
+        }
+        close(source);
+        close(target);
     }
     void Keep() const {
         if (!copy_.empty()) rename((copy_ + ".part").c_str(), copy_.c_str());
