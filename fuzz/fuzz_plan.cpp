@@ -1,5 +1,5 @@
 // A plan as a server sends it, and all that it tells to collect: read, judged, loaded, each of its records collected
-// once. Scripts print nothing new, queries are refused once they have been judged, and of a device only the plan's side
+// once. Scripts cannot be started, queries are refused once they have been judged, and of a device only the plan's side
 // is real. Behind the byte FF (not one of the first two) come pairs of a place and a byte: a device answers with what
 // it was asked, these bytes put over it. Without them it is silent.
 #include <algorithm>
