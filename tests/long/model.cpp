@@ -8,6 +8,11 @@
 
 namespace kv::model {
 
+std::size_t RecordsBegun(const State& state) {
+    return static_cast<std::size_t>(std::count_if(state.records.begin(), state.records.end(),
+                                                  [](auto& record) { return record.phase != RecordPhase::none; }));
+}
+
 namespace {
 
 static_assert(std::has_unique_object_representations_v<State>);
@@ -22,11 +27,6 @@ bool Has(Byte set, std::size_t index) { return (set >> index & 1) != 0; }
 Byte Only(std::size_t index) { return static_cast<Byte>(1U << index); }
 void Remove(Byte& set, std::size_t index) { set = static_cast<Byte>(set & ~Only(index)); }
 void CountUp(Byte& number) { number = static_cast<Byte>(std::min(number + 1, 2)); }
-
-std::size_t RecordsBegun(const State& state) {
-    return static_cast<std::size_t>(std::count_if(state.records.begin(), state.records.end(),
-                                                  [](auto& record) { return record.phase != RecordPhase::none; }));
-}
 
 std::size_t ZipsBegun(const State& state) {
     return static_cast<std::size_t>(

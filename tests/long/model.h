@@ -103,6 +103,9 @@ struct Step {
 };
 using Trace = std::vector<Step>;
 
+/// How many records have a number, whatever became of them.
+std::size_t RecordsBegun(const State& state);
+
 /// The steps that can come next.
 std::vector<Step> NextSteps(const State& state, const Limits& limits);
 
