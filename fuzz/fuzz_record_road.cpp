@@ -177,6 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (printed.size() < moreThanOneBlock) Require(ConvertedInPieces(std::size_t{1} + data[0] / 2) == record);
     Require(ExpectedRecord().value_or(record) == record);
     Pack(record, file);
+    if (printed.size() >= moreThanOneBlock) return 0;  // readers take a text as a whole: a longer one shows no more
     ReadInLab(record);
     ReadInAgent(record);
     return 0;
