@@ -41,7 +41,7 @@ class Server:
     """Serves until close(). `fault` is called as fault(server, connection, request) for each request; it returns True if it
     has dealt with it, also by accepting it and answering badly. Everything here may be read from any thread."""
 
-    def __init__(self, key="LONG1", port=0):
+    def __init__(self, key="LONG1", port=0, host="127.0.0.1"):
         self.key = key
         self.fault = None
         self.snmp_timeout = 5  # seconds
@@ -53,7 +53,7 @@ class Server:
         self.requests = []     # the list for the next question
         self.plans = {}        # path -> bytes of a zip
         self.answers = []      # what was posted to the servlet of requests
-        self.listener = socket.create_server(("127.0.0.1", port), backlog=512)
+        self.listener = socket.create_server((host, port), backlog=512)
         self.port = self.listener.getsockname()[1]
         self.is_open = True
         threading.Thread(target=self._accept, daemon=True).start()
@@ -138,8 +138,9 @@ class Server:
             self.requests = []
         return ('{ "RequestList": [ { ' + " }, { ".join(members) + " } ] }").encode("utf-16-le")
 
-    def accept(self, request):
-        """Takes the records of an upload; False, and nothing is taken, if it is not a whole zip."""
+    def accept(self, request, times=1):
+        """Takes the records of an upload; False, and nothing is taken, if it is not a whole zip. A server that only says
+        that it has them takes them zero times."""
         try:
             with zipfile.ZipFile(io.BytesIO(request.body)) as archive:
                 contents = {name.rpartition("/")[2]: archive.read(name) for name in archive.namelist()}
@@ -153,7 +154,7 @@ class Server:
             for record, content in contents.items():
                 copies = self.records.setdefault(record, {})
                 digest = hashlib.sha256(content).hexdigest()
-                copies[digest] = copies.get(digest, 0) + 1
+                copies[digest] = copies.get(digest, 0) + times
         return True
 
 
