@@ -307,6 +307,45 @@ void Crash(State& state) {
     ++state.crashes;
 }
 
+struct Visit {
+    State state;
+    std::uint32_t before = 0;  // from where it was reached first, and how
+    Step step = {};
+};
+
+/// The states in the order in which they are reached: a shortest way leads to each.
+struct Graph {
+    std::vector<Visit> visits{{}};
+    std::unordered_map<State, std::uint32_t, Hash> known{{State(), 0}};
+
+    Trace TraceTo(std::uint32_t at) const {
+        Trace trace;
+        for (; at != 0; at = visits[at].before) trace.push_back(visits[at].step);
+        std::reverse(trace.begin(), trace.end());
+        return trace;
+    }
+};
+
+/// Ends at the first state that breaks a promise, and tells of it.
+Graph Reach(const Limits& limits, std::string& failure) {
+    Graph graph;
+    for (std::uint32_t at = 0; at < graph.visits.size(); ++at) {
+        const State state = graph.visits[at].state;
+        const char* broken = BrokenPromise(state);
+        if (!broken && !EmptiesItself(state, limits)) broken = "the queue is never empty again";
+        if (broken) {
+            failure = fmt::format("{}\n{}\n{}", broken, Describe(graph.TraceTo(at)), Describe(state));
+            return graph;
+        }
+        for (const Step step : NextSteps(state, limits)) {
+            const State next = After(state, step, limits);
+            if (graph.known.try_emplace(next, static_cast<std::uint32_t>(graph.visits.size())).second)
+                graph.visits.push_back({next, at, step});
+        }
+    }
+    return graph;
+}
+
 }  // namespace
 
 std::vector<Step> NextSteps(const State& state, const Limits& limits) {
@@ -430,45 +469,37 @@ std::string Describe(const Trace& trace) {
     return text;
 }
 
-Exploration Explore(const Limits& limits, bool wantsRuns) {
-    struct Visit {
-        State state;
-        std::uint32_t before = 0;
-        Step step;
-    };
-    std::vector<Visit> visits{{}};
-    std::unordered_map<State, std::uint32_t, Hash> known{{State(), 0}};
+Exploration Explore(const Limits& limits) {
     Exploration result;
-    const auto traceTo = [&](std::uint32_t at) {
-        Trace trace;
-        for (; at != 0; at = visits[at].before) trace.push_back(visits[at].step);
-        std::reverse(trace.begin(), trace.end());
-        return trace;
-    };
-    for (std::uint32_t at = 0; at < visits.size(); ++at) {
-        const State state = visits[at].state;
-        const char* broken = BrokenPromise(state);
-        if (!broken && !EmptiesItself(state, limits)) broken = "the queue is never empty again";
-        if (broken) {
-            result.failure = fmt::format("{}\n{}\n{}", broken, Describe(traceTo(at)), Describe(state));
-            break;
-        }
-        bool leadsOn = false;
-        const std::vector<Step> steps = NextSteps(state, limits);
-        for (const Step step : steps) {
-            ++result.steps;
-            const State next = After(state, step, limits);
-            const bool isNew = known.try_emplace(next, static_cast<std::uint32_t>(visits.size())).second;
-            if (isNew) visits.push_back({next, at, step});
-            leadsOn |= isNew;
-            if (isNew || !wantsRuns) continue;
-            result.runs.push_back(traceTo(at));
-            result.runs.back().push_back(step);
-        }
-        if (wantsRuns && !leadsOn && steps.empty()) result.runs.push_back(traceTo(at));
-    }
-    result.states = visits.size();
+    const Graph graph = Reach(limits, result.failure);
+    result.states = graph.visits.size();
+    for (const Visit& visit : graph.visits) result.steps += NextSteps(visit.state, limits).size();
     return result;
+}
+
+std::vector<Trace> RunsThroughAll(const Limits& limits) {
+    std::string failure;
+    const Graph graph = Reach(limits, failure);
+    std::vector<std::vector<Step>> left;  // the steps of each state that no run takes yet
+    for (const Visit& visit : graph.visits) left.push_back(NextSteps(visit.state, limits));
+    const auto take = [&](std::uint32_t& at, Step step) {
+        std::erase(left[at], step);
+        at = graph.known.at(After(graph.visits[at].state, step, limits));
+    };
+    std::vector<Trace> runs;
+    for (std::uint32_t last = static_cast<std::uint32_t>(left.size()); last-- > 0;) {
+        while (!left[last].empty()) {
+            Trace run = graph.TraceTo(last);
+            std::uint32_t at = 0;
+            for (const Step step : run) take(at, step);
+            while (!left[at].empty()) {
+                run.push_back(left[at].front());
+                take(at, run.back());
+            }
+            runs.push_back(std::move(run));
+        }
+    }
+    return runs;
 }
 
 }  // namespace kv::model

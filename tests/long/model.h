@@ -100,6 +100,7 @@ enum class Answer : Byte { accepts, takesWithoutAnswer, refuses, away };
 struct Step {
     Actor actor = Actor::starter;
     Answer answer = Answer::accepts;
+    bool operator==(const Step&) const = default;
 };
 using Trace = std::vector<Step>;
 
@@ -124,11 +125,13 @@ std::string Describe(const Trace& trace);
 
 struct Exploration {
     std::size_t states = 0, steps = 0;
-    std::string failure;      // empty: no promise is broken
-    std::vector<Trace> runs;  // if asked for: together they go through every step of every state
+    std::string failure;  // empty: no promise is broken
 };
 
 /// Visits every state, breadth first, up to the first that breaks a promise.
-Exploration Explore(const Limits& limits, bool wantsRuns = false);
+Exploration Explore(const Limits& limits);
+
+/// Traces that together take every step of every state.
+std::vector<Trace> RunsThroughAll(const Limits& limits);
 
 }  // namespace kv::model

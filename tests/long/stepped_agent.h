@@ -44,7 +44,7 @@ class SteppedAgent {
     SharedMemory& shared_;
 };
 
-/// The first plan, version 0, as a file.
+/// A plan as a file.
 std::string PlanBytes(int version);
 
 }  // namespace kv::test
