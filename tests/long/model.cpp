@@ -1,17 +1,15 @@
 #include "tests/long/model.h"
 
 #include <algorithm>
+#include <bit>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <set>
 #include <string_view>
 #include <type_traits>
 #include <unordered_map>
 
 namespace kv::model {
-
-std::size_t RecordsBegun(const State& state) {
-    return static_cast<std::size_t>(std::count_if(state.records.begin(), state.records.end(),
-                                                  [](auto& record) { return record.phase != RecordPhase::none; }));
-}
 
 namespace {
 
@@ -23,48 +21,35 @@ struct Hash {
     }
 };
 
+// Sets of records and of zips have a bit for each.
+
 bool Has(Byte set, std::size_t index) { return (set >> index & 1) != 0; }
-Byte Only(std::size_t index) { return static_cast<Byte>(1U << index); }
-void Remove(Byte& set, std::size_t index) { set = static_cast<Byte>(set & ~Only(index)); }
-void CountUp(Byte& number) { number = static_cast<Byte>(std::min(number + 1, 2)); }
+void Remove(Byte& set, std::size_t index) { set = static_cast<Byte>(set & ~(1U << index)); }
+std::size_t Count(Byte set) { return static_cast<std::size_t>(std::popcount(set)); }
 
-std::size_t ZipsBegun(const State& state) {
-    return static_cast<std::size_t>(
-        std::count_if(state.zips.begin(), state.zips.end(), [](auto& zip) { return zip.phase != ZipPhase::none; }));
+template <class Items, class Predicate>
+Byte Where(const Items& items, Predicate holds) {
+    unsigned set = 0;
+    for (std::size_t i = 0; i < items.size(); ++i) set |= (holds(items[i]) ? 1U : 0U) << i;
+    return static_cast<Byte>(set);
 }
 
-Byte RecordsInData(const State& state) {
-    Byte set = 0;
-    for (std::size_t i = 0; i < mostRecords; ++i)
-        if (state.records[i].isInData != 0) set = static_cast<Byte>(set | Only(i));
-    return set;
+Byte Records(const State& state, RecordPhase phase) {
+    return Where(state.records, [phase](auto& record) { return record.phase == phase; });
 }
-
-/// The zips in a phase.
 Byte Zips(const State& state, ZipPhase phase) {
-    Byte set = 0;
-    for (std::size_t i = 0; i < mostZips; ++i)
-        if (state.zips[i].phase == phase) set = static_cast<Byte>(set | Only(i));
-    return set;
+    return Where(state.zips, [phase](auto& zip) { return zip.phase == phase; });
 }
-
-std::size_t First(Byte set) { return static_cast<std::size_t>(__builtin_ctz(set)); }
-
-/// In the order of their numbers, as a search of the directory gives them.
-template <class Items>
-std::size_t FirstByNumber(const Items& items, Byte set) {
-    std::size_t first = First(set);
-    for (std::size_t i = first; i < items.size(); ++i)
-        if (Has(set, i) && items[i].number < items[first].number) first = i;
-    return first;
+Byte InData(const State& state) {
+    return Where(state.records, [](auto& record) { return record.isInData != 0; });
 }
-
-template <class Items>
-bool IsNumberTaken(const Items& items, Byte set, Byte number) {
-    for (std::size_t i = 0; i < items.size(); ++i)
-        if (Has(set, i) && items[i].number == number) return true;
-    return false;
+Byte BeingWritten(const State& state) {
+    return Records(state, RecordPhase::numbered) | Records(state, RecordPhase::written);
 }
+std::size_t ZipsBegun(const State& state) { return mostZips - Count(Zips(state, ZipPhase::none)); }
+
+/// Records and zips are made in the order of their numbers, in which a search of their directory finds them, too.
+std::size_t First(Byte set) { return static_cast<std::size_t>(std::countr_zero(set)); }
 
 template <class Items>
 Byte HighestNumber(const Items& items, Byte set) {
@@ -74,9 +59,14 @@ Byte HighestNumber(const Items& items, Byte set) {
     return highest;
 }
 
-// ---- the start
+/// The next number that none of a set has.
+template <class Items>
+void TakeNumber(Byte& number, const Items& items, Byte set) {
+    do ++number;
+    while ((set & Where(items, [number](auto& item) { return item.number == number; })) != 0);
+}
 
-bool IsRecordWritten(const Record& record) { return record.phase == RecordPhase::written; }
+// ---- the start
 
 void LoadPlanAndGoUp(State& state) {
     state.loadedPlan = state.plan;
@@ -90,27 +80,23 @@ void RaiseZipNumber(State& state) {
     state.starter = Starter::storingZipNumber;
 }
 
-void RaiseNumbers(State& state) {
+void BeginStart(State& state) {
+    state.starter = Starter::deletingUnfinished;
+    if (Records(state, RecordPhase::written) != 0) return;
     state.recordNumber = state.storedRecordNumber;
     state.zipNumber = state.storedZipNumber;
-    const Byte highest = HighestNumber(state.records, RecordsInData(state));
+    const Byte highest = HighestNumber(state.records, InData(state));
     if (highest <= state.recordNumber) return RaiseZipNumber(state);
     state.recordNumber = highest;
     state.starter = Starter::storingRecordNumber;
 }
 
-void BeginStart(State& state) {
-    const bool isLeft = std::any_of(state.records.begin(), state.records.end(), IsRecordWritten);
-    if (!isLeft) return RaiseNumbers(state);
-    state.starter = Starter::deletingUnfinished;
-}
-
 void StepStarter(State& state) {
     switch (state.starter) {
-        case Starter::down:
-            return BeginStart(state);
         case Starter::deletingUnfinished:
-            std::find_if(state.records.begin(), state.records.end(), IsRecordWritten)->phase = RecordPhase::gone;
+            state.records[First(Records(state, RecordPhase::written))].phase = RecordPhase::gone;
+            [[fallthrough]];
+        case Starter::down:
             return BeginStart(state);
         case Starter::storingRecordNumber:
             state.storedRecordNumber = state.recordNumber;
@@ -125,39 +111,27 @@ void StepStarter(State& state) {
 
 // ---- the writer
 
-bool IsBeingWritten(const Record& record) {
-    return record.phase == RecordPhase::numbered || record.phase == RecordPhase::written;
-}
-
-void BeginRecord(State& state) {
-    Record& record = state.records[RecordsBegun(state)];
-    do ++state.recordNumber;
-    while (IsNumberTaken(state.records, RecordsInData(state), state.recordNumber));
-    record.number = state.recordNumber;
-    record.phase = RecordPhase::numbered;
-}
-
 void StepWriter(State& state) {
-    const auto record = std::find_if(state.records.begin(), state.records.end(), IsBeingWritten);
-    if (record == state.records.end()) return BeginRecord(state);
-    if (record->phase == RecordPhase::numbered) {
-        record->phase = RecordPhase::written;
-        return;
+    const Byte begun = BeingWritten(state);
+    Record& record = state.records[begun != 0 ? First(begun) : RecordsBegun(state)];
+    if (record.phase == RecordPhase::none) {
+        TakeNumber(state.recordNumber, state.records, InData(state));
+        record = {.phase = RecordPhase::numbered, .number = state.recordNumber};
+    } else if (record.phase == RecordPhase::numbered) {
+        record.phase = RecordPhase::written;
+    } else {
+        for (Record& other : state.records)
+            if (other.number == record.number) other.isInData = 0;  // the rename replaces a file of that name
+        record.phase = RecordPhase::complete;
+        record.isInData = 1;
     }
-    for (Record& other : state.records)
-        if (other.number == record->number) other.isInData = 0;  // the rename replaces a file of that name
-    record->phase = RecordPhase::complete;
-    record->isInData = 1;
 }
 
 // ---- the uploader
 
-void EndPass(State& state) { state.uploader = Uploader::asleep; }
-
-void SendNext(State& state) { state.queue == 0 ? EndPass(state) : void(state.uploader = Uploader::sending); }
+void SendNext(State& state) { state.uploader = state.queue == 0 ? Uploader::asleep : Uploader::sending; }
 
 void BeginSending(State& state) {
-    state.batch = 0;
     state.numberToStore = 0;
     state.queue = Zips(state, ZipPhase::closed);
     SendNext(state);
@@ -165,10 +139,9 @@ void BeginSending(State& state) {
 
 void BeginPass(State& state) {
     state.isAwake = 1;
-    state.batch = RecordsInData(state);
+    state.batch = InData(state);
     if (state.batch == 0) return BeginSending(state);
-    do ++state.zipNumber;
-    while (IsNumberTaken(state.zips, Zips(state, ZipPhase::closed), state.zipNumber));
+    TakeNumber(state.zipNumber, state.zips, Zips(state, ZipPhase::closed));
     state.numberToStore = state.recordNumber;
     state.uploader = Uploader::storingRecordNumber;
 }
@@ -179,10 +152,8 @@ void WakeUp(State& state, Fault fault) {
     state.uploader = Uploader::deletingUnfinished;
 }
 
-Zip& ZipBeingMade(State& state) { return state.zips[ZipsBegun(state) - 1]; }
-
 void DeleteRecord(State& state, Uploader next) {
-    const std::size_t first = FirstByNumber(state.records, state.batch);
+    const std::size_t first = First(state.batch);
     state.records[first].isInData = 0;
     Remove(state.batch, first);
     if (state.batch != 0) return;
@@ -190,26 +161,19 @@ void DeleteRecord(State& state, Uploader next) {
     if (next == Uploader::sending) BeginSending(state);
 }
 
-/// What a zip holds counts once it has arrived.
 void Arrive(State& state, const Zip& zip) {
     for (std::size_t i = 0; i < mostRecords; ++i)
-        if (Has(zip.records, i)) CountUp(state.records[i].atServer);
+        if (Has(zip.records, i))
+            state.records[i].atServer = static_cast<Byte>(std::min(state.records[i].atServer + 1, 2));
 }
 
 void Send(State& state, Answer answer, Fault fault) {
-    const std::size_t first = FirstByNumber(state.zips, state.queue);
+    const std::size_t first = First(state.queue);
     if (answer == Answer::accepts || answer == Answer::takesWithoutAnswer) Arrive(state, state.zips[first]);
     if (answer == Answer::accepts || fault == Fault::zipDeletedWithoutAnswer) {
         state.uploader = Uploader::deletingZip;
         return;
     }
-    Remove(state.queue, first);
-    SendNext(state);
-}
-
-void DeleteZip(State& state) {
-    const std::size_t first = FirstByNumber(state.zips, state.queue);
-    state.zips[first].phase = ZipPhase::gone;
     Remove(state.queue, first);
     SendNext(state);
 }
@@ -235,7 +199,7 @@ void StepUploader(State& state, Answer answer, Fault fault) {
             state.uploader = deletesEarly ? Uploader::deletingRecords : Uploader::naming;
             return;
         case Uploader::naming:
-            ZipBeingMade(state).phase = ZipPhase::closed;
+            state.zips[ZipsBegun(state) - 1].phase = ZipPhase::closed;
             state.uploader = Uploader::deletingRecords;
             if (deletesEarly) BeginSending(state);
             return;
@@ -244,7 +208,9 @@ void StepUploader(State& state, Answer answer, Fault fault) {
         case Uploader::sending:
             return Send(state, answer, fault);
         case Uploader::deletingZip:
-            return DeleteZip(state);
+            state.zips[First(state.queue)].phase = ZipPhase::gone;
+            Remove(state.queue, First(state.queue));
+            return SendNext(state);
     }
 }
 
@@ -348,25 +314,24 @@ Graph Reach(const Limits& limits, std::string& failure) {
 
 }  // namespace
 
+std::size_t RecordsBegun(const State& state) { return mostRecords - Count(Records(state, RecordPhase::none)); }
+
 std::vector<Step> NextSteps(const State& state, const Limits& limits) {
     std::vector<Step> steps;
-    const auto add = [&](Actor actor, Answer most = Answer::accepts) {
-        for (Byte answer = 0; answer <= static_cast<Byte>(most); ++answer)
-            if (actor != Actor::planner || answer == 0 || answer == static_cast<Byte>(Answer::away))
-                steps.push_back({actor, static_cast<Answer>(answer)});
-    };
     if (state.starter != Starter::up) {
-        add(Actor::starter);
+        steps.push_back({Actor::starter});
     } else {
-        const bool isWriting = std::any_of(state.records.begin(), state.records.end(), IsBeingWritten);
-        if (isWriting || RecordsBegun(state) < limits.records) add(Actor::writer);
-        const bool hasZips = ZipsBegun(state) < limits.zips || RecordsInData(state) == 0;
-        if (state.uploader != Uploader::asleep || hasZips)
-            add(Actor::uploader, state.uploader == Uploader::sending ? Answer::away : Answer::accepts);
-        if (state.planner != Planner::idle || state.plansServed < limits.plans)
-            add(Actor::planner, state.planner == Planner::idle ? Answer::away : Answer::accepts);
+        if (BeingWritten(state) != 0 || RecordsBegun(state) < limits.records) steps.push_back({Actor::writer});
+        if (state.uploader == Uploader::sending)
+            for (Answer answer : {Answer::accepts, Answer::takesWithoutAnswer, Answer::refuses, Answer::away})
+                steps.push_back({Actor::uploader, answer});
+        else if (state.uploader != Uploader::asleep || ZipsBegun(state) < limits.zips || InData(state) == 0)
+            steps.push_back({Actor::uploader});
+        if (state.planner != Planner::idle || state.plansServed < limits.plans) steps.push_back({Actor::planner});
+        if (state.planner == Planner::idle && state.plansServed < limits.plans)
+            steps.push_back({Actor::planner, Answer::away});
     }
-    if (state.starter != Starter::down && state.crashes < limits.crashes) add(Actor::crash);
+    if (state.starter != Starter::down && state.crashes < limits.crashes) steps.push_back({Actor::crash});
     return steps;
 }
 
@@ -394,20 +359,18 @@ State After(const State& state, Step step, const Limits& limits) {
 const char* BrokenPromise(const State& state) {
     Byte zipped = 0;
     for (const Zip& zip : state.zips)
-        if (zip.phase == ZipPhase::closed) zipped = static_cast<Byte>(zipped | zip.records);
-    for (std::size_t i = 0; i < mostRecords; ++i) {
-        const Record& record = state.records[i];
-        if (record.phase != RecordPhase::complete) continue;
-        if (record.isInData == 0 && !Has(zipped, i) && record.atServer == 0) return "a complete record is lost";
-        for (std::size_t other = 0; other < i; ++other)
-            if (state.records[other].phase == RecordPhase::complete && state.records[other].number == record.number)
-                return "two complete records have one number";
-    }
-    for (const Zip& zip : state.zips)
-        for (const Zip& other : state.zips)
-            if (&other != &zip && zip.phase != ZipPhase::none && other.phase != ZipPhase::none &&
-                zip.number == other.number)
-                return "two zips have one number";
+        if (zip.phase == ZipPhase::closed) zipped |= zip.records;
+    const Byte complete = Records(state, RecordPhase::complete);
+    const Byte arrived = Where(state.records, [](auto& record) { return record.atServer > 0; });
+    if ((complete & ~(InData(state) | zipped | arrived)) != 0) return "a complete record is lost";
+    const auto hasTwins = [](auto& items, Byte set) {
+        std::set<Byte> numbers;
+        for (std::size_t i = 0; i < items.size(); ++i)
+            if (Has(set, i) && !numbers.insert(items[i].number).second) return true;
+        return false;
+    };
+    if (hasTwins(state.records, complete)) return "two complete records have one number";
+    if (hasTwins(state.zips, static_cast<Byte>(~Zips(state, ZipPhase::none)))) return "two zips have one number";
     const auto isWhole = [](Byte version) { return version != noPlan && version != halfPlan; };
     if (!isWhole(state.plan) || state.backup == halfPlan) return "a plan is neither the old one nor the new one";
     if (state.starter == Starter::up && state.loadedPlan != state.plan) return "the plan in use is not the one on disk";
@@ -418,19 +381,11 @@ const char* BrokenPromise(const State& state) {
 }
 
 bool EmptiesItself(State state, const Limits& limits) {
-    const Limits drained{.records = 0, .zips = mostZips, .plans = 0, .crashes = 0, .fault = limits.fault};
     for (int step = 0; step < 200; ++step) {
-        const bool rests = state.starter == Starter::up && state.uploader == Uploader::asleep && state.isAwake != 0;
-        const bool isWriting = std::any_of(state.records.begin(), state.records.end(), IsBeingWritten);
-        const Byte files = RecordsInData(state) | Zips(state, ZipPhase::closed) | Zips(state, ZipPhase::unfinished);
-        if (rests && !isWriting && files == 0)
-            return std::all_of(state.records.begin(), state.records.end(), [](const Record& record) {
-                return record.phase != RecordPhase::complete || record.atServer > 0;
-            });
-        Actor actor = Actor::uploader;
-        if (state.starter != Starter::up) actor = Actor::starter;
-        if (isWriting && state.starter == Starter::up) actor = Actor::writer;
-        state = After(state, {actor, Answer::accepts}, drained);
+        const bool isUp = state.starter == Starter::up, isWriting = BeingWritten(state) != 0;
+        const Byte zips = Zips(state, ZipPhase::closed) | Zips(state, ZipPhase::unfinished);
+        if (isUp && !isWriting && state.isAwake != 0 && (InData(state) | zips) == 0) return true;
+        state = After(state, {!isUp ? Actor::starter : isWriting ? Actor::writer : Actor::uploader}, limits);
     }
     return false;
 }
@@ -441,23 +396,27 @@ std::string Describe(const Limits& limits) {
 }
 
 std::string Describe(const State& state) {
-    std::string text;
-    for (const Record& record : state.records) {
-        if (record.phase == RecordPhase::none) continue;
-        constexpr const char* phases[] = {"", "numbered", "written", "complete", "gone"};
-        text += fmt::format("record {} {}{}, at server {}; ", record.number, phases[static_cast<int>(record.phase)],
-                            record.isInData != 0 ? ", in data" : "", record.atServer);
+    std::set<std::string> files;
+    std::array<std::string, mostRecords> names;
+    for (std::size_t i = 0; i < mostRecords; ++i) {
+        const Record& record = state.records[i];
+        names[i] = fmt::format("Agent_K7_{}.txt={}", record.number, i);
+        if (record.phase == RecordPhase::written) files.insert(fmt::format("Agent_K7_{}.tmp", record.number));
+        if (record.isInData != 0) files.insert(names[i]);
+        if (record.atServer != 0) files.insert(fmt::format("{} at server x{}", names[i], record.atServer));
     }
     for (const Zip& zip : state.zips) {
-        if (zip.phase == ZipPhase::none) continue;
-        constexpr const char* phases[] = {"", "unfinished", "closed", "gone"};
-        text += fmt::format("zip {} {} {:b}; ", zip.number, phases[static_cast<int>(zip.phase)], zip.records);
+        if (zip.phase == ZipPhase::unfinished) files.insert(fmt::format("zip Agent_K7_{}.tmp", zip.number));
+        if (zip.phase != ZipPhase::closed) continue;
+        std::set<std::string> records;
+        for (std::size_t i = 0; i < mostRecords; ++i)
+            if (Has(zip.records, i)) records.insert(names[i]);
+        files.insert(fmt::format("zip Agent_K7_{}.zip: {}", zip.number, fmt::join(records, " ")));
     }
-    return text +
-           fmt::format("numbers {} {}, stored {} {}; plan {} loaded {} backup {} copy {} download {}; at {} {} {}",
-                       state.recordNumber, state.zipNumber, state.storedRecordNumber, state.storedZipNumber, state.plan,
-                       state.loadedPlan, state.backup, state.copy, state.download, static_cast<int>(state.starter),
-                       static_cast<int>(state.uploader), static_cast<int>(state.planner));
+    const bool isUp = state.starter == Starter::up;
+    return fmt::format(describedState, fmt::join(files, ", "), isUp ? state.recordNumber : 0,
+                       isUp ? state.zipNumber : 0, state.storedRecordNumber, state.storedZipNumber, state.plan,
+                       state.backup, state.copy, state.download, state.loadedPlan);
 }
 
 std::string Describe(const Trace& trace) {

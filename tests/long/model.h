@@ -120,7 +120,10 @@ const char* BrokenPromise(const State& state);
 bool EmptiesItself(State state, const Limits& limits);
 
 std::string Describe(const Limits& limits);
+/// Files, numbers and plans; numbers in memory count once the agent is up, and are 0 before.
 std::string Describe(const State& state);
+inline constexpr char describedState[] =
+    "{} | numbers {} {} stored {} {} | plan {} backup {} copy {} download {} loaded {}";
 std::string Describe(const Trace& trace);
 
 struct Exploration {

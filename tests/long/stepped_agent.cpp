@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <functional>
 #include <map>
 #include <poll.h>
@@ -198,14 +199,6 @@ std::set<std::string> RecordsInZip(const fs::path& path) {
     return records;
 }
 
-std::string RecordName(const model::Record& record) { return fmt::format("Agent_K7_{}", record.number); }
-
-std::string Join(const std::set<std::string>& texts) {
-    std::string all;
-    for (const std::string& text : texts) all.append(text) += ' ';
-    return all;
-}
-
 int VersionIn(const fs::path& path) {
     if (!fs::exists(path)) return model::noPlan;
     const std::string bytes = TestFolder::Read(path);
@@ -220,30 +213,6 @@ int LoadedVersion() {
     if (!list || !list->head) return model::noPlan;
     const std::u16string name = GetHashText(reinterpret_cast<const HashTable*>(list->head->value), u"wfname");
     return name.back() - u'0';
-}
-
-/// Files, numbers and plan as they are to be in a state. Memory counts once the start has read the numbers.
-std::string Expected(const model::State& state) {
-    std::set<std::string> files;
-    for (const model::Record& record : state.records) {
-        const std::string name = RecordName(record);
-        const auto index = &record - state.records.data();
-        if (record.phase == model::RecordPhase::written) files.insert(name + ".tmp");
-        if (record.isInData != 0) files.insert(fmt::format("{}.txt={}", name, index));
-        if (record.atServer != 0) files.insert(fmt::format("{}.txt={} at server x{}", name, index, record.atServer));
-    }
-    for (const model::Zip& zip : state.zips) {
-        if (zip.phase == model::ZipPhase::unfinished) files.insert(fmt::format("zip Agent_K7_{}.tmp", zip.number));
-        if (zip.phase != model::ZipPhase::closed) continue;
-        std::set<std::string> records;
-        for (std::size_t i = 0; i < model::mostRecords; ++i)
-            if ((zip.records >> i & 1) != 0) records.insert(fmt::format("{}.txt={}", RecordName(state.records[i]), i));
-        files.insert(fmt::format("zip Agent_K7_{}.zip: {}", zip.number, Join(records)));
-    }
-    const bool isUp = state.starter == model::Starter::up;
-    return fmt::format("{}| numbers {} {} stored {} {} | plan {} backup {} copy {} download {} loaded {}", Join(files),
-                       isUp ? state.recordNumber : 0, isUp ? state.zipNumber : 0, state.storedRecordNumber,
-                       state.storedZipNumber, state.plan, state.backup, state.copy, state.download, state.loadedPlan);
 }
 
 void SendAnswer(Socket connection, std::string_view status, std::string_view body) {
@@ -308,7 +277,7 @@ std::string SteppedAgent::Take(model::Step step, const model::State& after) {
         threads.uploader.Start(RunUploader);
         threads.planner.Start(RunPlanner);
     }
-    const std::string expected = Expected(after), observed = Observed(after);
+    const std::string expected = Describe(after), observed = Observed(after);
     return expected == observed ? "" : "model: " + expected + "\nagent: " + observed;
 }
 
@@ -326,7 +295,7 @@ std::string SteppedAgent::Observed(const model::State& state) const {
     for (const std::string& name : TestFolder::FilesIn(folders_.zipdata))
         files.insert(name.ends_with(".tmp")
                          ? "zip " + name
-                         : fmt::format("zip {}: {}", name, Join(RecordsInZip(folders_.zipdata / name))));
+                         : fmt::format("zip {}: {}", name, fmt::join(RecordsInZip(folders_.zipdata / name), " ")));
     std::map<std::string, int> taken;
     for (const std::string& name : TestFolder::FilesIn(folders_.taken))
         for (const std::string& record : RecordsInZip(folders_.taken / name)) ++taken[record];
@@ -335,7 +304,7 @@ std::string SteppedAgent::Observed(const model::State& state) const {
     GetMALastCreatedJSONNum(storedRecord);
     GetMALastCreatedZIPNum(storedZip);
     const bool isUp = state.starter == model::Starter::up;
-    return fmt::format("{}| numbers {} {} stored {} {} | plan {} backup {} copy {} download {} loaded {}", Join(files),
+    return fmt::format(model::describedState, fmt::join(files, ", "),
                        isUp ? agentState.gv_ocLastCreatedJSONNum.load() : 0,
                        isUp ? agentState.gv_ocLastCreatedZIPNum.load() : 0, storedRecord, storedZip,
                        VersionIn(folders_.conf / "queryconf.txt"), VersionIn(folders_.conf / "backup/queryconf.txt"),
