@@ -56,6 +56,7 @@ class Call:
         lines = head.partition(b"\r\n\r\n")[0].decode("latin-1").split("\r\n")
         self.head_size = len("\r\n".join(lines)) + 4
         self.method, self.target = (lines[0].split() + ["", ""])[:2]
+        self.target = re.sub("^http://[^/]*", "", self.target)  # as a proxy is asked
         self.headers = {name.lower(): value.strip() for name, _, value in (line.partition(":") for line in lines[1:])}
         self.length = int(self.headers.get("content-length", 0))
         self.station = next((STATIONS[name] for name in STATIONS if name in self.target), None)
@@ -335,9 +336,13 @@ def faults():
 
 
 class Drill:
-    def __init__(self, folder, seed):
+    def __init__(self, folder, seed, is_proxy=False):
         self.server = FaultyServer()
         self.agent = Agent(folder, self.server.port, RATE)
+        if is_proxy:  # the addresses lead nowhere
+            self.agent.store({"": {"ProxyEnabled": "yes", "ProxyServerName": f"127.0.0.1:{self.server.port}"},
+                              "ServerInfo": {"KVServerName": "cs.example", "KVServerIPAddress": "203.0.113.1",
+                                             "KVLastAccessName": "203.0.113.1"}})
         self.agent.write_script("big.sh", BIG)
         self.seed, self.random, self.number, self.doing = seed, random.Random(seed), 0, "the start"
         self.plans = [plan(workflow("Ids", [script("Id")]))]  # that it may have
@@ -593,6 +598,22 @@ def try_addresses(folder, seed):
         agent.remove()
 
 
+PROXY = ("refuses connections", "takes nothing and says nothing", "takes all and resets", "status line is garbage",
+         "megabytes of headers", "status 407", "status 502", "status 504")
+
+
+def try_proxy(folder, seed, quick):
+    """The same behind a proxy, which is struck in the place of the server; how often."""
+    drill = Drill(folder, seed, is_proxy=True)
+    try:
+        for fault in (row for row in faults() if row[0] in PROXY[:2 if quick else len(PROXY)]):
+            drill.meet(fault)
+        drill.vouch(lambda server: settle(drill.agent, server))
+        return drill.strikes
+    finally:
+        drill.agent.remove()
+
+
 def run(seed, quick, folder):
     folder = pathlib.Path(folder)
     drill = Drill(folder / "servers", seed)
@@ -611,7 +632,8 @@ def run(seed, quick, folder):
         stops = drill.agent.log().count("stopping datacollection")
         records, twice = drill.vouch(lambda server: settle(drill.agent, server))
         forgotten = see_forgotten(drill)
-        log("the addresses")
+        log("the proxy and the addresses")
+        by_proxy = try_proxy(folder / "proxy", seed, quick)
         try_addresses(folder / "addresses", seed)
         memory = [used[0] for used in drill.usages]
         return {"title": "Servers", "lines": [
@@ -623,7 +645,7 @@ def run(seed, quick, folder):
             f"{statistics.median(drill.recoveries):.0f} virtual seconds in the middle, {max(drill.recoveries):.0f} at most.",
             f"Memory after a fault: {memory[0]:.0f} MB with an honest server, {max(memory):.0f} MB at most; descriptors and "
             f"threads came back to {drill.usages[0][1]} and {drill.usages[0][2]}.",
-            f"{len(ADDRESSES)} orders of three addresses were kept.",
+            f"{len(ADDRESSES)} orders of three addresses were kept; a proxy struck {by_proxy} times, and nothing was lost.",
         ]}
     finally:
         drill.agent.remove()
