@@ -1,324 +1,314 @@
 """Hostile archives, plans, lists of requests, answers and datagrams to an unchanged agent, in a tree of other files of which
-nothing may change. The agent lives and goes on collecting after each batch, and gives back what the batch took."""
+nothing may change. After each batch the agent collects and uploads, and has given back what the batch took."""
 
+import functools
 import hashlib
-import itertools
-import json
 import os
 import pathlib
 import random
 import re
 import socket
 import sys
-import tempfile
-import threading
 import time
 
 import hostile_device
 import hostile_inputs as inputs
-from agent import KEY, Agent, Broken, plan, script, settle, workflow
+from agent import Agent, Broken, plan, script, settle, workflow
 from server import Server, answer
 
-RATE = 120
-PEAK = 512        # MiB that the agent may reach ...
-KEPT = 16         # ... and MiB of it that may stay behind a batch
-LOGS = 64         # MB of logs
+PEAK, KEPT = 512, 16  # MiB that the agent may reach, and that may stay with it after a batch
+LOGS = 64_000_000     # bytes of all its logs
 SLAVES = [f"S{number}" for number in range(1, 6)]
+ELSEWHERE = [pathlib.Path(place) / inputs.MARK for place in ("/", "/tmp", "/dev/shm")]
 
-# What comes and goes in the agent's folder.
-OWN = re.compile(r"agent/(state/registry\.db(-wal|-shm)?|monitoring/(bin/agent\.lock|bin/(data|zipdata)(/.+)?|conf/queryconf\.txt|"
-                 r"conf/(backup|slaves)(/S\d(/queryconf\.txt)?)?|conf/backup/queryconf\.txt|"
-                 r"conf/download(/(queryconf\.(txt(\.refused)?|zip)|RequestList\.txt(\.tmp)?))?|logs(/[a-z]+\w*\.(log|json)(\.tmp)?)?))")
-OWN_VALUES = re.compile(r'"(RequestAvailable|RequestID|MALastCreated\w+|KVLastAccessName|MonitoringAgentKey)"=')
+# What comes and goes in the agent's folder, and in the registry.
+OWN = re.compile(r"agent/(state/registry\.db(-wal|-shm)?|monitoring/(bin/agent\.lock|bin/(data|zipdata)(/.+)?|"
+                 r"conf/queryconf\.txt|conf/(backup|slaves)(/[^/]+(/queryconf\.txt)?)?|conf/backup/queryconf\.txt|"
+                 r"conf/download(/(queryconf\.(zip|txt(\.refused)?)|RequestList\.txt(\.tmp)?))?|"
+                 r"logs(/(agent\d*\.log|status\.json(\.tmp)?))?))")
+OWN_VALUES = re.compile(r'"(RequestAvailable|RequestID|MALastCreated\w+|KVLastAccessName)"=')
 
 
 class World:
     """The agent, its server, and the files around them."""
 
-    def __init__(self, folder, seed, rate=RATE):
-        self.seed, self.broken, self.input, self.root = seed, None, "the start", pathlib.Path(folder) / "world"
+    def __init__(self, folder, seed, rate=120):
+        self.seed, self.broken, self.input, self.peaks = seed, None, "the start", {}
+        self.root = pathlib.Path(folder) / "world"
         self.server = Server()
-        self.decoy = socket.create_server(("127.0.0.1", 0))
-        self.decoy.setblocking(False)
+        self.other_server = socket.create_server(("127.0.0.1", 0))
+        self.other_server.setblocking(False)
         self.agent = Agent(self.root / "opt/kestrova", self.server.port, rate)
-        tree = self.agent.monitoring
-        for path in ("home/.profile", "home/.ssh/authorized_keys", "etc/passwd", "etc/cron.d/job", "opt/other/notes.txt", "opt/kestrova/queryconf.txt",
-                     "opt/kestrova/agent2/monitoring/conf/queryconf.txt", tree / "bin/MonitoringAgent", tree / "conf/notes.txt", tree / "kvagent.conf"):
-            file = self.root / path
-            file.parent.mkdir(parents=True, exist_ok=True)
-            file.write_text(f"{path} is not for strangers\n")
-        (self.root / "opt/other/tool").write_text(f"#!/bin/sh\ntouch {self.root}/{inputs.MARK}\n")
-        (self.root / "opt/other/tool").chmod(0o755)
-        self.secret = plan(workflow("secret", [script("secret")]))
-        (self.root / "etc/plan").write_bytes(self.secret)
-        (self.root / "etc/plan.zip").write_bytes(inputs.archive(inputs.Member("queryconf.txt", self.secret)))
-        (self.root / "link").symlink_to("etc")
         self.agent.environment["HOME"] = str(self.root / "home")
         self.agent.run("kvreg", "set", r"Software\Other", "Value", "theirs")
-        self.offered = {content: number for number, content in enumerate([plan(workflow("steady", [script("steady")]))])}
-        self.agent.write_plan(next(iter(self.offered)))
-        (self.agent.folder / "output").touch()
+        here, tree = "opt/kestrova", "opt/kestrova/agent/monitoring"
+        secret = plan(workflow("secret", [script("secret")]))
+        for name, content in {"home/.profile": b"", "home/.ssh/authorized_keys": b"", "etc/passwd": b"", "etc/cron.d/job": b"",
+                              "etc/plan": secret, "etc/plan.zip": inputs.archive(inputs.Member("queryconf.txt", secret)),
+                              "opt/other/tool": f"#!/bin/sh\ntouch {self.root}/{inputs.MARK}\n".encode(),
+                              f"{here}/queryconf.txt": b"", f"{here}/output": b"", f"{tree}/bin/MonitoringAgent": b"",
+                              f"{here}/agent2/monitoring/conf/queryconf.txt": b"", f"{tree}/conf/notes.txt": b""}.items():
+            (self.root / name).parent.mkdir(parents=True, exist_ok=True)
+            (self.root / name).write_bytes(content)
+        (self.root / "opt/other/tool").chmod(0o755)
+        (self.root / "link").symlink_to("etc")
+        self.offered = {}  # plan -> its number
+        self.agent.write_plan(self.new_plan())
         self.files, self.values = self.look(), self.registry()
 
     def close(self):
         self.agent.kill()
         self.server.close()
-        self.decoy.close()
+        self.other_server.close()
 
-    def new_plan(self):
-        """The bytes of a plan like which there was none."""
-        content = plan(workflow(f"steady {len(self.offered)}", [script("steady")]))
+    def new_plan(self, content=None):
+        """The bytes of a plan that the agent may use: the given ones, or others than ever before."""
+        content = content or plan(workflow(f"steady {len(self.offered)}", [script("steady")]))
         self.offered[content] = len(self.offered)
         return content
 
     def look(self):
-        """Each file that nobody changes -> what it is."""
-        found, own = {}, self.agent.folder
+        """Each file and folder that nobody changes -> what it is."""
+        found = {}
         for folder, folders, files in os.walk(self.root):
             for path in (os.path.join(folder, name) for name in (*folders, *files)):
-                name = os.path.relpath(path, own)
+                name = os.path.relpath(path, self.agent.folder)
                 if name.split("/")[0] in ("witness", "control", "output") or OWN.fullmatch(name):
                     continue
-                try:
-                    status = os.lstat(path)
-                except FileNotFoundError:
-                    continue  # its folder is one of those that come and go
-                is_file, is_inside = (status.st_mode & 0o170000) == 0o100000, name.startswith("agent/")
-                found[path] = (status.st_mode, status.st_size if is_file else 0, 0 if is_inside and not is_file else status.st_mtime_ns,
+                status, is_file = os.lstat(path), os.path.isfile(path)
+                found[path] = (status.st_mode, status.st_mtime_ns if is_file or not name.startswith("agent/") else 0,
                                hashlib.sha256(pathlib.Path(path).read_bytes()).hexdigest() if is_file else "")
         return found
 
     def registry(self):
-        """What the registry holds but for the agent's own values."""
-        file = self.agent.folder / "witness/export"
+        """What the registry holds beside the agent's own values."""
+        file = self.agent.witness / "registry"
         self.agent.run("kvreg", "export", str(file))
-        text = file.read_bytes().decode("utf-16" if file.read_bytes()[:2] == b"\xff\xfe" else "utf-8")
+        text = file.read_bytes().decode("utf-16")
         file.unlink()
         return [line for line in text.splitlines() if not OWN_VALUES.match(line)]
 
     def fail(self, words):
-        raise Broken(f"hostile, seed {self.seed}: after {self.input}: {words}")
+        raise Broken(f"hostile input, seed {self.seed}: after {self.input}: {words}")
 
     def check(self):
-        """Nothing has changed that is not the agent's own. May be called from the server's threads, between two inputs."""
+        """The agent runs, and nothing has changed that is not its own. The server's threads call it between two inputs."""
         if not self.agent.is_running():
             self.fail(f"the agent ended with {self.agent.process.returncode}: {self.agent.log()[-1000:]}")
         files = self.look()
-        for path in sorted(set(files) | set(self.files)):
+        for path in sorted(files.keys() | self.files.keys()):
             if files.get(path) != self.files.get(path):
                 self.fail(f"{path} was {self.files.get(path, 'absent')} and is {files.get(path, 'absent')}")
-        for place in ("/tmp", "/dev/shm", "/", str(self.agent.tree / "state/drive_c")):
-            if os.path.lexists(f"{place}/{inputs.MARK}"):
-                self.fail(f"{place}/{inputs.MARK} exists")
+        for path in ELSEWHERE:
+            if path.exists():
+                path.unlink()
+                self.fail(f"{path} was made")
         try:
-            self.decoy.accept()
+            self.other_server.accept()
             self.fail("another server was asked")
         except BlockingIOError:
             pass
 
-    def check_plan(self, expected):
-        """The plan that is in use is the expected one, or for None any that was offered."""
-        file = self.agent.monitoring / "conf/queryconf.txt"
-        content = file.read_bytes() if file.is_file() else None
-        if content not in self.offered or (expected is not None and content != expected):
-            self.fail(f"the plan in use is {self.offered.get(content, content and content[:200])}, expected {self.offered.get(expected, 'one of those offered')}")
+    def check_plan(self, *expected):
+        """The plan in use is one of those, or one of all that were offered; its bytes."""
+        content = (self.agent.monitoring / "conf/queryconf.txt").read_bytes()
+        if content not in (expected or self.offered):
+            wanted = [self.offered[one] for one in expected] or "one of those offered"
+            self.fail(f"the plan in use is {self.offered.get(content, content[:99])}, not {wanted}")
         return content
 
-    def guarded(self, routine):
-        """A routine of the server: what it raises ends the drill."""
-        def serve(server, connection, request):
+    def serve(self, routine):
+        """Has the server call a routine for each request; what it raises ends the drill."""
+        def guarded(_, connection, request):
             try:
-                return routine(server, connection, request)
+                return routine(connection, request)
             except Broken as broken:
                 self.broken = self.broken or broken
                 return False
-        return serve
+        self.server.fault = guarded
 
-    def until(self, condition, what, patience=60):
-        def look():
+    def until(self, condition, what, patience=120):
+        end = time.monotonic() + patience
+        while not condition():
             if self.broken:
                 raise self.broken
-            if not self.agent.is_running():
+            if not self.agent.is_running() or time.monotonic() > end:
                 self.check()
-            return condition()
-        try:
-            self.agent.until(look, patience, what)
-        except Broken as broken:
-            raise broken if broken is self.broken or "seed" in str(broken) else Broken(f"hostile, seed {self.seed}: after {self.input}: {broken}")
+                self.fail(f"{what} did not come in {patience} s; the log ends: {self.agent.log()[-1000:]}")
+            time.sleep(0.05)
 
-    def ask(self, condition, what, patience=60):
+    def ask(self, condition, what):
         """Says that requests wait, again and again: the agent may take the word back for a list that it has just read."""
         def said():
             self.agent.store({"Monitoring": {"RequestAvailable": "YES"}})
-            time.sleep(0.1)
             return condition()
-        self.until(said, what, patience)
-
-    def notices(self):
-        with self.server.lock:
-            return sum(query.get("status") == "success" for _, query in self.server.seen)
-
-    def download(self, *downloads):
-        """Lets the agent download archives: (agent key, path of the archive)."""
-        before = self.notices()
-        self.server.order(*[{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": key, "DOWNLOAD_URL": path, "AGENT_REQUEST_ID": "1"} for key, path in downloads])
-        self.ask(lambda: self.notices() > before, "the notice of a download", 120)
+        self.until(said, what)
 
     def offer(self, archive):
+        """The path of an archive."""
         path = f"/servlets/Configuration/{len(self.server.plans) + 1}"
         self.server.plans[path] = archive
         return path
 
-    def measure(self):
-        """(MiB of RSS, descriptors, threads)."""
-        pid = self.agent.process.pid
-        status = pathlib.Path(f"/proc/{pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", status)[1]) / 1024, len(os.listdir(f"/proc/{pid}/fd")), int(re.search(r"Threads:\s+(\d+)", status)[1])
+    def offer_plan(self, content):
+        return self.offer(inputs.archive(inputs.Member("queryconf.txt", content)))
 
-    def peak(self):
-        """The MiB of RSS that were reached since the last call."""
-        pid = self.agent.process.pid
-        peak = int(re.search(r"VmHWM:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1]) / 1024
-        pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5")
-        return peak
+    def download(self, *downloads):
+        """Has the agent download archives: (key, path)."""
+        def notices():
+            return sum(query.get("status") == "success" for _, query in list(self.server.seen))
+        before = notices()
+        self.server.order(*[{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": key,
+                             "DOWNLOAD_URL": path}
+                            for key, path in downloads])
+        self.ask(lambda: notices() > before, "the notice of a download")
+
+    def status(self, name):
+        return int(re.search(rf"{name}:\s+(\d+)", pathlib.Path(f"/proc/{self.agent.process.pid}/status").read_text())[1])
+
+    def measure(self):
+        """MiB, descriptors, threads."""
+        return self.status("VmRSS") / 1024, len(os.listdir(f"/proc/{self.agent.process.pid}/fd")), self.status("Threads")
+
+    def note_peak(self, batch):
+        """Takes the MiB that were reached since the last call."""
+        self.peaks[batch] = max(self.peaks.get(batch, 0), self.status("VmHWM") / 1024)
+        pathlib.Path(f"/proc/{self.agent.process.pid}/clear_refs").write_text("5")
+        if self.peaks[batch] > PEAK:
+            self.fail(f"the agent reached {self.peaks[batch]:.0f} MiB")
 
     def rest(self, uploads=2):
-        """Sees the agent collect and upload a steady plan on an honest server."""
+        """Sees the agent collect and upload a new plan on an honest server."""
         self.server.fault = None
-        steady = inputs.archive(inputs.Member("queryconf.txt", self.new_plan()))
-        empty = {key: inputs.archive(inputs.Member("queryconf.txt", plan().replace("WorkFlows".encode("utf-16-le"), f"WorkFlows_{key}".encode("utf-16-le"))))
-                 for key in SLAVES}
-        self.download(("LONG1", self.offer(steady)), *[(key, self.offer(empty[key])) for key in SLAVES])
+        plans = {key: plan().replace("Flows".encode("utf-16-le"), f"Flows_{key}".encode("utf-16-le")) for key in SLAVES}
+        plans["LONG1"] = self.new_plan()
+        self.download(*[(key, self.offer_plan(content)) for key, content in plans.items()])
+        self.check_plan(plans["LONG1"])
         zips, records = len(self.server.zips), len(self.server.records)
         self.until(lambda: len(self.server.zips) >= zips + uploads and len(self.server.records) > records, "another upload")
 
     def begin(self):
         self.agent.start()
         self.rest(4)
-        self.before, self.peaks = self.measure(), {"an honest server": self.peak()}
+        self.before = self.measure()
+        self.note_peak("an honest server")
 
     def finish(self, batch):
         """What is true after a batch."""
-        self.input = f"the batch of {batch}, the last of it {self.input}"
+        self.input = f"the {batch}, the last of them {self.input}"
         self.rest()
         self.check()
+        self.note_peak(batch)
         if self.registry() != self.values:
-            self.fail("values of the registry that are not the agent's have changed")
-        self.peaks[batch] = max(self.peaks.get(batch, 0), self.peak())
-        if self.peaks[batch] > PEAK:
-            self.fail(f"the agent reached {self.peaks[batch]:.0f} MiB")
+            self.fail("values of the registry have changed that are not the agent's")
         memory, files, threads = self.before
-        try:
-            self.until(lambda: (now := self.measure())[0] <= memory + KEPT and now[1] <= files and now[2] <= threads, "the return of what was taken", 30)
-        except Broken:
-            self.fail(f"MiB, descriptors, threads were {self.before}, and are {self.measure()}")
-        log = self.agent.log()
-        if re.search(r"^\W*(2026 )?FORGED", log, re.M):
-            self.fail("a line of the log was forged")
-        if sum(file.stat().st_size for file in (self.agent.monitoring / "logs").iterdir()) > LOGS * 1_000_000:
+        self.until(lambda: (now := self.measure())[0] <= memory + KEPT and now[1] <= files and now[2] <= threads,
+                   f"{self.before} MiB, descriptors and threads out of {self.measure()}", 30)
+        if re.search(r"^\W*(2026 )?FORGED", self.agent.log(), re.M):
+            self.fail("a line of the log is forged")
+        if sum(file.stat().st_size for file in (self.agent.monitoring / "logs").iterdir()) > LOGS:
             self.fail("the logs fill the disk")
         print(f"hostile: {batch}: {self.peaks[batch]:.0f} MiB, then {self.measure()}", file=sys.stderr)
 
 
 def send_archives(world, rows):
-    """All in one list: before the next one is asked for, the last one has been dealt with."""
-    paths, state = {world.offer(row[1]): row for row in rows}, {"live": world.check_plan(None), "row": None}
+    """All in one list: when the next one is asked for, the last one has been dealt with."""
+    paths, live, last = {world.offer(row[1]): row for row in rows}, world.check_plan(), None
 
     def judge():
+        nonlocal live
         world.check()
-        if (row := state["row"]) is not None:
-            expected = row[2]
-            if expected is False:
-                world.check_plan(state["live"])
-            else:
-                state["live"] = world.check_plan(expected)
+        if last:
+            live = world.check_plan() if last[2] is None else world.check_plan(last[2] or live)
 
-    def serve(server, connection, request):
+    def serve(_, request):
+        nonlocal last
         if request.target in paths:
             judge()
-            state["row"] = paths[request.target]
-            world.input = f"the archive {state['row'][0]!r}"
+            last = paths[request.target]
+            world.input = f"the archive {last[0]!r}"
         return False
 
-    world.server.fault = world.guarded(serve)
+    world.serve(serve)
     world.download(*[("LONG1", path) for path in paths])
     judge()
 
 
 def send_plans(world, rows):
-    """To slaves, while the agent's own plan goes on; five at a time."""
+    """To slaves, five at a time, while the agent's own plan goes on."""
     for some in (rows[at:at + len(SLAVES)] for at in range(0, len(rows), len(SLAVES))):
-        world.input = "the plans " + ", ".join(repr(row[0]) for row in some)
-        live, downloads = {}, []
+        world.input = "the plans " + ", ".join(repr(title) for title, _, _ in some)
+        downloads, expected = [], {}
         for key, (title, content, taken) in zip(SLAVES, some):
             for encoding in ("utf-16-le", "utf-8", "utf-16-be"):
                 content = content.replace('"WorkFlows"'.encode(encoding), f'"WorkFlows_{key}"'.encode(encoding))
             file = world.agent.monitoring / f"conf/slaves/{key}/queryconf.txt"
-            live[file] = (file.read_bytes(), content, taken, title)
-            downloads.append((key, world.offer(inputs.archive(inputs.Member("queryconf.txt", content)))))
+            downloads.append((key, world.offer_plan(content)))
+            expected[file] = title, [content] * (taken is not False) + [file.read_bytes()] * (taken is not True)
         world.download(*downloads)
         world.agent.virtual(20)
         world.check()
-        for file, (before, content, taken, title) in live.items():
-            now = file.read_bytes()
-            if now not in ((content,) if taken is True else (before,) if taken is False else (before, content)):
-                world.fail(f"the plan {title!r} was {'taken' if now == content else 'kept out'}")
+        for file, (title, contents) in expected.items():
+            if file.read_bytes() not in contents:
+                world.fail(f"the plan {title!r} was not judged right")
+
+
+def is_look_for_requests(request):
+    return request.servlet == "DataAgentHandlerServlet" and request.method == "GET" and "action" not in request.query
 
 
 def send_lists(world, rows):
-    served = []
+    waiting = list(rows)
 
-    def serve(server, connection, request):
-        if request.servlet != "DataAgentHandlerServlet" or request.method != "GET" or "action" in request.query or len(served) == len(rows):
+    def serve(connection, request):
+        if not waiting or not is_look_for_requests(request):
             return False
         world.check()
-        title, content = rows[len(served)]
+        world.check_plan()
+        title, content = waiting.pop(0)
         world.input = f"the list {title!r}"
-        served.append(title)
         connection.sendall(answer(body=content))
         return True
 
-    world.server.fault = world.guarded(serve)
-    world.ask(lambda: len(served) == len(rows), "the last look for requests", 180)
+    world.serve(serve)
+    world.ask(lambda: not waiting, "the last look for requests")
 
 
 def send_answers(world, rows):
-    """Each to an upload, to a look for requests, and to a download."""
+    """Each to an upload, a look for requests and a download."""
     waiting = {servlet: list(rows) for servlet in ("FileCollector", "DataAgentHandlerServlet", "Configuration")}
-    none = world.offer(inputs.archive())
 
-    def serve(server, connection, request):
-        if request.servlet == "DataAgentHandlerServlet" and (request.method == "POST" or "action" in request.query or server.requests):
+    def serve(connection, request):
+        servlet = request.servlet
+        if not waiting.get(servlet) or (servlet[0] == "D" and (not is_look_for_requests(request) or world.server.requests)):
             return False
-        if not waiting.get(request.servlet):
-            return False
-        with server.lock:
-            title, parts = waiting[request.servlet].pop()
-        world.input = f"the answer {title!r} to {request.servlet}"
-        if request.servlet == "FileCollector":
-            server.accept(request)
+        title, parts = waiting[servlet].pop()
+        world.input = f"the answer {title!r} to {servlet}"
+        if servlet == "FileCollector":
+            world.server.accept(request)
         for part in parts:
             connection.sendall(part)
         return True
 
-    world.server.fault = world.guarded(serve)
-    world.download(*[("LONG1", none) for _ in rows])
-    world.ask(lambda: not any(waiting.values()), "the last answer", 120)
+    world.serve(serve)
+    world.download(*[("LONG1", world.offer(b""))] * len(rows))
+    world.ask(lambda: not any(waiting.values()), "the last answer")
 
 
 def send_registrations(world, rows):
-    """Starts the agent for those that it takes for an answer."""
-    waiting, world.input = list(rows), "the start"
+    """Starts the agent for each that it takes for an answer."""
+    waiting = list(rows)
 
-    def serve(server, connection, request):
+    def serve(connection, request):
         if request.servlet != "RegisterAgent" or not waiting:
             return False
         title, fields = waiting.pop(0)
         world.input = f"the registration {title!r}"
-        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n" + "".join(f"{name}: {value}\r\n" for name, value in fields).encode("utf-8") + b"\r\n")
+        headers = "".join(f"{name}: {value}\r\n" for name, value in fields)
+        connection.sendall(f"HTTP/1.1 200 OK\r\n{headers}\r\n".encode())
         return True
 
-    world.server.fault = world.guarded(serve)
+    world.serve(serve)
     while waiting:
         left = len(waiting)
         world.agent.kill()
@@ -329,106 +319,82 @@ def send_registrations(world, rows):
         if (key := world.agent.setting("Monitoring", "MonitoringAgentKey")) != "LONG1":
             world.fail(f"the agent's key is {key}")
     world.agent.kill()
-    peaks = world.peaks
     world.begin()
-    world.peaks = peaks
 
 
 def device_plan(device, numbers):
-    """A plan with a workflow that asks for these cases, half of them by a walk."""
-    base = ".".join(map(str, hostile_device.ROOT))
-
+    """A plan that asks for these cases, half of them by a walk."""
     def record(number):
         is_walk = "walk" in device.rows[number][0] or number % 2 == 0
-        return {"PROTOCOL": "P", "OID": f".{base}.{number}" + ("" if is_walk else ".0"), "DEVICE_NAME": "127.0.0.1", "SNMP_PORT": str(device.port),
-                "SNMP_VERSION": "v1" if number % 3 == 0 else "v2c", "COMMUNITY": "public", "POLL_ID": f"case {number}",
-                "IS_MULTIPLE_POLLED_DATA": str(is_walk).lower()}
+        return {"PROTOCOL": "P", "OID": ".".join(map(str, ("", *hostile_device.ROOT, number))) + ("" if is_walk else ".0"),
+                "DEVICE_NAME": "127.0.0.1", "SNMP_PORT": str(device.port), "SNMP_VERSION": "v2c" if number % 3 else "v1",
+                "COMMUNITY": "public", "POLL_ID": f"case {number}", "IS_MULTIPLE_POLLED_DATA": str(is_walk)}
     return plan(workflow("devices", [record(number) for number in numbers], 60))
 
 
-def send_datagrams(world, device, numbers):
+def send_datagrams(device, world, numbers):
     """All polls come to an end, and each has its record."""
-    content, rows = device_plan(device, numbers), device.rows
-    world.offered[content] = len(world.offered)
-    world.input = "the datagrams " + ", ".join(repr(rows[number][0]) for number in numbers)
-    seen, left = {path.name for path in world.agent.witness.glob("*.txt.*")}, set(numbers)
-    world.download(("LONG1", world.offer(inputs.archive(inputs.Member("queryconf.txt", content)))))
+    content = world.new_plan(device_plan(device, numbers))
+    world.input = "the datagrams " + ", ".join(repr(device.rows[number][0]) for number in numbers)
+    seen, left = set(os.listdir(world.agent.witness)), set(numbers)
 
-    def done():
-        for path in world.agent.witness.glob("*.txt.*"):
-            if path.name not in seen and not path.name.endswith(".part"):
-                seen.add(path.name)
-                if match := re.search(r'"ID": "case (\d+)"', path.read_bytes().decode("utf-16-le", "replace")):
-                    left.discard(int(match[1]))
+    def all_recorded():
+        for name in sorted(set(os.listdir(world.agent.witness)) - seen):
+            if not name.endswith(".part"):
+                seen.add(name)
+                record = (world.agent.witness / name).read_bytes().decode("utf-16-le", "replace")
+                left.difference_update(int(number) for number in re.findall(r'"ID": "case (\d+)"', record))
         return not left
-    world.until(done, f"a record of each device", 180)
-    world.check()
+
+    world.download(("LONG1", world.offer_plan(content)))
+    world.until(all_recorded, "a record of each poll")
 
 
 def walk_without_end(folder, seed):
-    """A device that never comes to an end with long values; the MiB that the agent reached. On a slower clock, because all
-    of it has to arrive within the time for an answer."""
-    device = hostile_device.Device([hostile_device.ENDLESS])
-    world = World(pathlib.Path(folder) / "walk", seed, 10)
+    """Long values of a device that never comes to an end; the MiB that the agent reached. On a slower clock, because all of
+    it has to be uploaded within the time for an answer."""
+    device, world = hostile_device.Device([hostile_device.ENDLESS]), World(pathlib.Path(folder) / "walk", seed, 10)
     world.input = "a walk without end"
     try:
         world.agent.write_plan(device_plan(device, [0]))
         world.agent.start()
-        world.until(lambda: world.server.records, "the record of a walk without end")
-        if (peak := world.peak()) > PEAK:
-            world.fail(f"the agent reached {peak:.0f} MiB")
+        world.until(lambda: world.server.records, "its record")
+        world.note_peak("a walk without end")
         world.until(lambda: world.measure()[0] < 2 * KEPT, "the return of its memory")
         world.agent.kill()
         world.agent.vouch(world.server)
-        return peak
+        return world.peaks
     finally:
         world.close()
         device.close()
 
 
 def run(seed, quick, folder):
-    rng = random.Random(seed)
-    world = World(folder, seed)
-    share = (lambda rows: rows[seed % 20::20]) if quick else (lambda rows: rows)
-    device = hostile_device.Device(hostile_device.cases(rng))
+    chance, counts = random.Random(seed), {}
+    device, world = hostile_device.Device(hostile_device.cases(chance)), World(folder, seed)
     try:
         world.begin()
-        counts = {}
-
-        def batches(name, rows, size, send):
-            rows = share(rows)
-            counts[name] = len(rows)
-            for at in range(0, len(rows), size):
-                send(world, rows[at:at + size])
-                world.finish(name)
-
-        batches("archives", inputs.archives(rng, world.root, world.new_plan), 50, send_archives)
-        batches("plans", inputs.plans(rng, world.root, device.port), 50, send_plans)
-        batches("lists", inputs.lists(rng, world.root, world.server.port, world.decoy.getsockname()[1]), 50, send_lists)
-        batches("answers", inputs.answers(rng, world.server.port), 50, send_answers)
-        batches("datagrams", range(len(device.rows)), 50, lambda world, numbers: send_datagrams(world, device, numbers))
-        batches("registrations", inputs.registrations(rng), 50, send_registrations)
+        for batch, rows, send in (
+                ("archives", inputs.archives(chance, world.root, world.new_plan), send_archives),
+                ("plans", inputs.plans(chance, world.root, device.port), send_plans),
+                ("lists", inputs.lists(chance, world.root, world.other_server.getsockname()[1], world.offer), send_lists),
+                ("answers", inputs.answers(chance, world.server.port), send_answers),
+                ("datagrams", range(len(device.rows)), functools.partial(send_datagrams, device)),
+                ("registrations", inputs.registrations(), send_registrations)):
+            rows = rows[seed % 20::20] if quick else rows
+            counts[batch] = len(rows)
+            for at in range(0, len(rows), 50):
+                send(world, rows[at:at + 50])
+                world.finish(batch)
         records, twice = settle(world.agent, world.server)
-        world.agent.start()
-        world.check()
     finally:
         world.close()
         device.close()
-    if not quick:
-        world.peaks["a walk without end"] = walk_without_end(folder, seed)
-    peaks = ", ".join(f"{name} {peak:.0f}" for name, peak in world.peaks.items())
+    peaks = world.peaks if quick else world.peaks | walk_without_end(folder, seed)
     return {"title": "Hostile input", "lines": [
-        f"{sum(counts.values())} inputs: " + ", ".join(f"{count} {name}" for name, count in counts.items()) + " (each answer to three servlets).",
-        f"Of {len(world.files)} files, folders and links around the agent none changed, and no value of the registry but its own.",
-        f"The most MiB that the agent reached: {peaks}; at rest it had {world.before[0]:.0f}.",
-        f"{records} records were complete, all arrived; {twice} came twice."]}
-
-
-if __name__ == "__main__":
-    with tempfile.TemporaryDirectory() as place:
-        started = time.monotonic()
-        try:
-            print(json.dumps(run(int(sys.argv[1]), "quick" in sys.argv, place), indent=1), f"{time.monotonic() - started:.0f} s")
-        except BaseException:
-            os.system(f"rm -rf /tmp/hostile.kept; cp -a {place} /tmp/hostile.kept")
-            raise
+        f"{sum(counts.values())} inputs: " + ", ".join(f"{count} {batch}" for batch, count in counts.items()) +
+        " (each answer to three servlets).",
+        f"None of {len(world.files)} files and folders around the agent changed, and no value of the registry but its own.",
+        "The most MiB of the agent: " + ", ".join(f"{batch} {peak:.0f}" for batch, peak in peaks.items()) +
+        f"; {world.before[0]:.0f} at rest, at most {KEPT} more after each batch.",
+        f"{records} records were complete, and all arrived; {twice} came twice."]}
