@@ -1,4 +1,4 @@
-"""Drill 4: each servlet meets each fault of a server; then a random walk over all of them.
+"""Each servlet meets each fault of a server; then a random walk over all of them.
 
 A fault is a row of FAULTS. It strikes all servlets of one run of the agent, in three phases: the start (registration,
 uploads, the list of requests), a list that is served (its answer, a plan, the notice), and the stop. After each phase the
