@@ -6,6 +6,7 @@ server is honest again, and the agent has BOUND of its own clock to be well. A f
 the drill like a broken promise.
 """
 
+import os
 import pathlib
 import random
 import re
@@ -260,7 +261,7 @@ def forgets(call):
 
 
 def floods(call):
-    size = 5 << 20 if call.station == "plan" else 80 << 20
+    size = 5 << 20 if call.station == "plan" else 70 << 20  # more than an answer into memory may have
     head, _ = call.truth()
     call.send([re.sub(rb"Content-Length: \d+", b"Content-Length: %d" % size, head), b"\r\n\r\n"])
     for _ in range(size >> 20):
@@ -352,8 +353,8 @@ class Drill:
         return Broken(f"{self.doing}: {text} (seed {self.seed}); the log ends:\n{self.agent.log()[-1500:]}")
 
     def wait(self, seconds=BOUND, **conditions):
-        """Until each has held once. Seconds of the fast clock that it took. What a busy machine takes from a turn does not
-        count towards the limit."""
+        """Until each has held once. Seconds of the fast clock that it took; those that a busy machine takes do not count
+        towards the limit."""
         begin, counted, turn = self.agent.control.wall(), 0, time.monotonic()
         while conditions := {what: condition for what, condition in conditions.items() if not condition()}:
             if not self.agent.is_running():
@@ -361,7 +362,8 @@ class Drill:
             if counted * RATE > seconds:
                 raise self.broken(f"did not come in {seconds} virtual seconds: {', '.join(conditions)}")
             time.sleep(0.01)
-            counted, turn = counted + min(time.monotonic() - turn, 0.03), time.monotonic()
+            share = 1 / max(1, os.getloadavg()[0] / os.cpu_count())
+            counted, turn = counted + min(time.monotonic() - turn, 0.03) * share, time.monotonic()
         return self.agent.control.wall() - begin
 
     def start(self):
