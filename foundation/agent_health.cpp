@@ -48,12 +48,25 @@ void NoteText(std::string LastEvents::*member, std::string_view text) noexcept {
     WakeHealthReport();
 }
 
+/// Plans and answers bring texts of any length, and a line for people has to stay one: its beginning and end tell what
+/// failed and why. The text is UTF-8.
+std::string WithoutMiddle(std::string text) {
+    constexpr std::size_t half = 500;
+    if (text.size() <= 2 * half) return text;
+    const auto characterAt = [&text](std::size_t at) {
+        while (at > 0 && (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80) --at;
+        return at;
+    };
+    const std::size_t start = characterAt(half);
+    return text.replace(start, characterAt(text.size() - half) - start, "...");
+}
+
 /// Counts a record that is lost; makeText tells which one and why.
 template <class MakeText>
 void NoteLoss(const MakeText& makeText) noexcept {
     ++agentHealth.recordsLost;
     NoteFailureOf([&] {
-        std::string text = makeText();
+        std::string text = WithoutMiddle(makeText());
         std::string copy = text;
         const std::lock_guard hold(events.lock);
         events.last.lostRecordTime = GetNowSeconds();
@@ -149,6 +162,7 @@ void NoteUnpackedRecord(std::u16string_view path) noexcept {
 
 void NoteFailureText(std::string text, FailureKind kind) noexcept {
     try {
+        text = WithoutMiddle(std::move(text));
         const std::lock_guard hold(events.lock);
         events.last.failureTime = GetNowSeconds();
         if (kind != FailureKind::local) {

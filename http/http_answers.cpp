@@ -268,10 +268,7 @@ std::string TransactionFailure(platform::Error errorCode) {
     return LogText("%s (error %d)", platform::MessageInLine(errorCode), errorCode);
 }
 
-std::u16string_view PathOfUrl(std::u16string_view url) {
-    constexpr std::size_t longestPath = 200;
-    return url.substr(0, std::min(url.find(u'?'), longestPath));
-}
+std::u16string_view PathOfUrl(std::u16string_view url) { return url.substr(0, url.find(u'?')); }
 
 int ParseHeader(std::optional<std::u16string_view> headerBuffer) {
     Log3("\t Inside ParseHeader() \n");

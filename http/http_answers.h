@@ -16,7 +16,7 @@ void HttpGetLastError(platform::Error errorCode);
 /// Throws std::bad_alloc.
 std::string TransactionFailure(platform::Error errorCode);
 
-/// The path of a URL, without its query, for people to read: of a long one, which a stranger chose, the beginning.
+/// The path of a URL, without its query.
 std::u16string_view PathOfUrl(std::u16string_view url);
 
 /// Takes the values that the server sends in its headers: "timeDiff: ", "AgentKey: ", "AgentRun: " and "SNMPTimeout: ".
