@@ -109,9 +109,14 @@ class World:
         except BlockingIOError:
             pass
 
+    def plan_of(self, key):
+        """The bytes of a plan in use, empty for an absent one."""
+        file = self.agent.monitoring / "conf" / ("" if key == "LONG1" else f"slaves/{key}") / "queryconf.txt"
+        return file.read_bytes() if file.is_file() else b""
+
     def check_plan(self, *expected):
         """The plan in use is one of those, or one of all that were offered; its bytes."""
-        content = (self.agent.monitoring / "conf/queryconf.txt").read_bytes()
+        content = self.plan_of("LONG1")
         if content not in (expected or self.offered):
             wanted = [self.offered[one] for one in expected] or "one of those offered"
             self.fail(f"the plan in use is {self.offered.get(content, content[:99])}, not {wanted}")
@@ -182,7 +187,9 @@ class World:
         self.server.fault = None
         plans = {key: plan().replace("Flows".encode("utf-16-le"), f"Flows_{key}".encode("utf-16-le")) for key in SLAVES}
         plans["LONG1"] = self.new_plan()
-        self.download(*[(key, self.offer_plan(content)) for key, content in plans.items()])
+        for _ in range(4):
+            if late := [key for key in plans if self.plan_of(key) != plans[key]]:
+                self.download(*[(key, self.offer_plan(plans[key])) for key in late])
         self.check_plan(plans["LONG1"])
         zips, records = len(self.server.zips), len(self.server.records)
         self.until(lambda: len(self.server.zips) >= zips + uploads and len(self.server.records) > records, "another upload")
@@ -203,27 +210,33 @@ class World:
             self.fail("values of the registry have changed that are not the agent's")
         memory, files, threads = self.before
         self.until(lambda: (now := self.measure())[0] <= memory + KEPT and now[1] <= files and now[2] <= threads,
-                   f"{self.before} MiB, descriptors and threads out of {self.measure()}", 30)
+                   f"{self.before} MiB, descriptors and threads out of {self.measure()}")
         if re.search(r"^\W*(2026 )?FORGED", self.agent.log(), re.M):
             self.fail("a line of the log is forged")
-        if sum(file.stat().st_size for file in (self.agent.monitoring / "logs").iterdir()) > LOGS:
-            self.fail("the logs fill the disk")
+        sizes = {file.name: file.stat().st_size for file in (self.agent.monitoring / "logs").iterdir()}
+        if sum(sizes.values()) > LOGS or sizes["status.json"] > 20_000:
+            self.fail(f"the logs grow: {sizes}")
         print(f"hostile: {batch}: {self.peaks[batch]:.0f} MiB, then {self.measure()}", file=sys.stderr)
 
 
-def send_archives(world, rows):
+def send_archives(world, rows, tries=4):
     """All in one list: when the next one is asked for, the last one has been dealt with."""
-    paths, live, last = {world.offer(row[1]): row for row in rows}, world.check_plan(), None
+    paths, live, last, again = {world.offer(row[1]): row for row in rows}, world.check_plan(), None, []
 
     def judge():
         nonlocal live
         world.check()
-        if last:
-            live = world.check_plan() if last[2] is None else world.check_plan(last[2] or live)
+        if last is None:
+            return
+        before, live = live, world.check_plan()
+        if last[2] and live == before and tries > 0:
+            again.append(last)  # beside a busy machine a download can come too late for the fast clock
+        elif last[2] is not None:
+            world.check_plan(last[2] or before)
 
     def serve(_, request):
         nonlocal last
-        if request.target in paths:
+        if paths.get(request.target, last) is not last:
             judge()
             last = paths[request.target]
             world.input = f"the archive {last[0]!r}"
@@ -232,25 +245,32 @@ def send_archives(world, rows):
     world.serve(serve)
     world.download(*[("LONG1", path) for path in paths])
     judge()
+    if again:
+        send_archives(world, again, tries - 1)
 
 
-def send_plans(world, rows):
+def send_plans(world, rows, tries=4):
     """To slaves, five at a time, while the agent's own plan goes on."""
+    again = []
     for some in (rows[at:at + len(SLAVES)] for at in range(0, len(rows), len(SLAVES))):
         world.input = "the plans " + ", ".join(repr(title) for title, _, _ in some)
-        downloads, expected = [], {}
-        for key, (title, content, taken) in zip(SLAVES, some):
+        sent = []
+        for key, row in zip(SLAVES, some):
+            content = row[1]
             for encoding in ("utf-16-le", "utf-8", "utf-16-be"):
                 content = content.replace('"WorkFlows"'.encode(encoding), f'"WorkFlows_{key}"'.encode(encoding))
-            file = world.agent.monitoring / f"conf/slaves/{key}/queryconf.txt"
-            downloads.append((key, world.offer_plan(content)))
-            expected[file] = title, [content] * (taken is not False) + [file.read_bytes()] * (taken is not True)
-        world.download(*downloads)
+            sent.append((key, row, content, world.plan_of(key)))
+        world.download(*[(key, world.offer_plan(content)) for key, _, content, _ in sent])
         world.agent.virtual(20)
         world.check()
-        for file, (title, contents) in expected.items():
-            if file.read_bytes() not in contents:
-                world.fail(f"the plan {title!r} was not judged right")
+        for key, row, content, before in sent:
+            now, taken = world.plan_of(key), row[2]
+            if taken and now == before and tries > 0:
+                again.append(row)
+            elif now not in [content] * (taken is not False) + [before] * (taken is not True):
+                world.fail(f"the plan {row[0]!r} was not judged right")
+    if again:
+        send_plans(world, again, tries - 1)
 
 
 def is_look_for_requests(request):
@@ -353,7 +373,7 @@ def send_datagrams(device, world, numbers):
 def walk_without_end(folder, seed):
     """Long values of a device that never comes to an end; the MiB that the agent reached. On a slower clock, because all of
     it has to be uploaded within the time for an answer."""
-    device, world = hostile_device.Device([hostile_device.ENDLESS]), World(pathlib.Path(folder) / "walk", seed, 10)
+    device, world = hostile_device.Device([hostile_device.ENDLESS]), World(pathlib.Path(folder) / "walk", seed, 6)
     world.input = "a walk without end"
     try:
         world.agent.write_plan(device_plan(device, [0]))
@@ -386,7 +406,7 @@ def run(seed, quick, folder):
             for at in range(0, len(rows), 50):
                 send(world, rows[at:at + 50])
                 world.finish(batch)
-        records, twice = settle(world.agent, world.server)
+        records, twice = settle(world.agent, world.server, 180)
     finally:
         world.close()
         device.close()
