@@ -227,9 +227,6 @@ class Agent:
                 raise Broken(f"{name} arrived with {len(contents)} contents")
         return len(seen), sum(sum(copies.values()) > 1 for copies in server.records.values())
 
-    def numbers(self):
-        return [int(self.setting("Monitoring", f"MALastCreated{kind}Num")) for kind in ("JSON", "ZIP")]
-
 
 def settle(agent, server, patience=60):
     """Runs the agent on an honest server and a healthy disk until nothing waits, and vouches."""
