@@ -25,6 +25,7 @@
 #include "foundation/system_error.h"
 #include "foundation/thread_pool.h"
 #include "foundation/version.h"
+#include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/service_host.h"
@@ -85,10 +86,31 @@ std::string InstallDirFault(platform::Error failure) {
     return "cannot be read: " + RegistryFailureText(failure);
 }
 
+/// Whether the registry may be well in a moment: its disk fails, or somebody holds it.
+bool MayPass(platform::Error failure) {
+    return failure != platform::error::success && !IsGone(failure) && failure != platform::error::accessDenied &&
+           failure != platform::error::databaseCorrupt;
+}
+
+/// Asks for a minute: a service that ends at each start of a machine whose disk fails for a moment is soon given up by
+/// its manager.
+platform::Error ReadInstallDir(OptionalText& installDir) {
+    constexpr int attempts = 60;
+    platform::Error failure = GetKVAgentInstallDir(installDir);
+    for (int made = 1; made < attempts && MayPass(failure); ++made) {
+        if (made == 1)
+            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s; it is tried again for a minute\n",
+                         InstallDirFault(failure).c_str());
+        platform::Clock().Sleep(1000);
+        failure = GetKVAgentInstallDir(installDir);
+    }
+    return failure;
+}
+
 /// Finds the bin directory. False if memory runs out; true, and no path, if the setting is absent.
 bool FindBinPath() try {
     OptionalText installDir;
-    const platform::Error error = GetKVAgentInstallDir(installDir);
+    const platform::Error error = ReadInstallDir(installDir);
     if (error != platform::error::success || !installDir) {
         const std::string fault = InstallDirFault(error);
         std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s\n", fault.c_str());

@@ -15,7 +15,9 @@
 #include "platform/system_facts.h"
 #include "platform/threads.h"
 #include "platform/utf.h"
+#include "tests/support/replaced.h"
 #include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
 
 namespace kv {
 namespace {
@@ -175,6 +177,24 @@ TEST_F(ServerDetails, NotesAnExceptionWhileItReadsSettings) {
     std::string noted;
     EXPECT_EQ(ReadWholeFile(note, noted), platform::error::success);
     EXPECT_TRUE(noted.starts_with("Not able to allocate memory for gv_ocAgentBinPath"));
+}
+
+TEST_F(ServerDetails, ARegistryThatFailsForAMomentIsAskedAgain) {
+    Set({agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/")});
+    const test::VirtualClock clock;
+    for (const auto& [failures, isFound] : {std::pair{2, true}, {1000, false}}) {
+        int left = failures;
+        const test::Replaced failing(
+            &platform::RegistryOperations::RegQueryValueExW,
+            [&left, query = platform::Registry().RegQueryValueExW](auto key, auto value, auto&&... rest) {
+                if (value == u"KVAgentInstallDir" && left-- > 0) return platform::error::readFault;
+                return query(key, value, rest...);
+            });
+        StopLogging();
+        std::filesystem::remove_all(folder / "monitoring" / "logs");
+        EXPECT_EQ(Main({"MonitoringAgent", "/monitor"}), 1);
+        EXPECT_EQ(std::filesystem::exists(folder / "monitoring" / "logs" / "testmonitor.log"), isFound) << failures;
+    }
 }
 
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {

@@ -118,6 +118,7 @@ class Tree:
         self.plans = [self.plan_bytes(0)]
         self.agent.write_plan(self.plans[0])
         self.agent.start()
+        self.agent.until(self.agent.witnessed, 20, "a first record")
 
     @staticmethod
     def plan_bytes(number):
