@@ -152,7 +152,7 @@ TEST_F(RealAgent, TakesEveryStepOfTheSmallModel) {
 
 TEST_F(RealAgent, FollowsRandomTraces) {
     const Limits limits{.records = 4, .zips = 4, .plans = 5, .crashes = 6};
-    const unsigned seed = NumberOf("KV_MODEL_SEED", 20), traces = GoesDeep() ? 600 : 5;
+    const unsigned seed = NumberOf("KV_MODEL_SEED", 20), traces = GoesDeep() ? 400 : 5;
     std::size_t steps = 0;
     for (unsigned i = 0; i < traces; ++i) {
         std::mt19937 random(seed + i);
