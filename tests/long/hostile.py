@@ -273,37 +273,19 @@ def send_plans(world, rows, tries=4):
         send_plans(world, again, tries - 1)
 
 
-def is_look_for_requests(request):
-    return request.servlet == "DataAgentHandlerServlet" and request.method == "GET" and "action" not in request.query
-
-
-def send_lists(world, rows):
-    waiting = list(rows)
-
+def feed(world, waiting):
+    """Has the server give the next of the hostile answers, (title, parts), that wait for a servlet; "list" is the servlet of
+    requests when it is asked for some."""
     def serve(connection, request):
-        if not waiting or not is_look_for_requests(request):
+        is_list = request.servlet == "DataAgentHandlerServlet" and request.method == "GET" and "action" not in request.query
+        servlet = request.servlet if not is_list else "list" if not world.server.requests else ""
+        if not waiting.get(servlet):
             return False
-        world.check()
-        world.check_plan()
-        title, content = waiting.pop(0)
-        world.input = f"the list {title!r}"
-        connection.sendall(answer(body=content))
-        return True
-
-    world.serve(serve)
-    world.ask(lambda: not waiting, "the last look for requests")
-
-
-def send_answers(world, rows):
-    """Each to an upload, a look for requests and a download."""
-    waiting = {servlet: list(rows) for servlet in ("FileCollector", "DataAgentHandlerServlet", "Configuration")}
-
-    def serve(connection, request):
-        servlet = request.servlet
-        if not waiting.get(servlet) or (servlet[0] == "D" and (not is_look_for_requests(request) or world.server.requests)):
-            return False
-        title, parts = waiting[servlet].pop()
-        world.input = f"the answer {title!r} to {servlet}"
+        if servlet != "RegisterAgent":  # where the agent may be killed meanwhile
+            world.check()
+            world.check_plan()
+        title, parts = waiting[servlet].pop(0)
+        world.input = f"{title!r}, an answer of {servlet}"
         if servlet == "FileCollector":
             world.server.accept(request)
         for part in parts:
@@ -311,29 +293,30 @@ def send_answers(world, rows):
         return True
 
     world.serve(serve)
+
+
+def send_lists(world, rows):
+    waiting = {"list": [(title, [answer(body=content)]) for title, content in rows]}
+    feed(world, waiting)
+    world.ask(lambda: not waiting["list"], "the last look for requests")
+
+
+def send_answers(world, rows):
+    """Each to an upload, a look for requests and a download."""
+    waiting = {servlet: list(rows) for servlet in ("FileCollector", "list", "Configuration")}
+    feed(world, waiting)
     world.download(*[("LONG1", world.offer(b""))] * len(rows))
     world.ask(lambda: not any(waiting.values()), "the last answer")
 
 
 def send_registrations(world, rows):
     """Starts the agent for each that it takes for an answer."""
-    waiting = list(rows)
-
-    def serve(connection, request):
-        if request.servlet != "RegisterAgent" or not waiting:
-            return False
-        title, fields = waiting.pop(0)
-        world.input = f"the registration {title!r}"
-        headers = "".join(f"{name}: {value}\r\n" for name, value in fields)
-        connection.sendall(f"HTTP/1.1 200 OK\r\n{headers}\r\n".encode())
-        return True
-
-    world.serve(serve)
-    while waiting:
-        left = len(waiting)
+    waiting = {"RegisterAgent": list(rows)}
+    feed(world, waiting)
+    while left := len(waiting["RegisterAgent"]):
         world.agent.kill()
         world.agent.start()
-        world.until(lambda: len(waiting) < left, "a registration")
+        world.until(lambda: len(waiting["RegisterAgent"]) < left, "a registration")
         world.agent.virtual(12)
         world.check()
         if (key := world.agent.setting("Monitoring", "MonitoringAgentKey")) != "LONG1":

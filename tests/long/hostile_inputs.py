@@ -300,10 +300,12 @@ def answers(chance, own_port):
 
 
 def registrations():
-    """(title, header fields of an answer to a registration). None of their keys may be taken."""
+    """(title, parts): answers to a registration. None of their keys may be taken."""
     numbers = ("-1", "abc", "", "1e9", "2147483648", "-2147483649", "0x10", "5 ; x", "\x01", "9" * 100_000)
     hostile = {"timeDiff": numbers, "SNMPTimeout": numbers, "AgentRun": ("2", "-1", "", "yes", "\x01", "1" * 9999),
                "AgentKey": ("../../" + MARK, "..", ".", "", "k" * 65, "k" * 100_000, "a/b", "a\\b", "C:x", "a&b=c", "a%2fb",
                             "\x01", "\x7f", "\xe9", '"', "*", "a\0b")}
     good = {"AgentKey": "LONG1", "timeDiff": "0", "AgentRun": "1"}
-    return [(f"{name} {value[:20]!r}", {**good, name: value}.items()) for name, values in hostile.items() for value in values]
+    return [(f"{name} {value[:20]!r}", ["".join(("HTTP/1.1 200 OK\r\n", *[f"{field}: {text}\r\n" for field, text in
+                                                 {**good, name: value}.items()], "\r\n")).encode()])
+            for name, values in hostile.items() for value in values]
