@@ -168,6 +168,7 @@ def run(seed, quick, folder):
     return {"title": "Soak", "lines": [
         f"{days} days of the agent's clock at {RATE} times its pace: ten workflows, a new plan each day, a server that is away for "
         f"three hours each night ({soak.server.struck} requests failed), logs of 100 kB that rotate",
-        f"{records} records were complete ({RUNS_A_DAY * days:.0f} runs were due): 0 lost, {twice} came twice",
+        f"{records} records were complete: 0 lost; {RUNS_A_DAY * days:.0f} runs were due, and {twice} records came twice, because a "
+        "millisecond of this machine is two seconds of that clock: runs begin late, and some answers come too late",
         "at the midnights, least to most: " + ", ".join(f"{name} {min(values):.0f} to {max(values):.0f}"
                                                         for name, values in zip(MEASURES, columns))]}
