@@ -513,7 +513,7 @@ class Drill:
     def walk(self, seconds):
         """Every few minutes another fault at some servlets or all, or an honest server; how many phases there were."""
         all_stations, phases = [*START, *LIST, *STOP], 0
-        self.agent.store({"Monitoring": {"DataCollectionTimeout": 60}})  # so that collection stops, and goes on
+        self.agent.store({"Monitoring": {"DataCollectionTimeout": 20}})  # so that collection stops, and goes on
         self.plans = [plan(workflow("Ids", [script("Id")]), workflow("Big", [script("Big", "big.sh")], interval=60))]
         self.agent.write_plan(self.plans[0])
         self.start()
@@ -643,8 +643,8 @@ def run(seed, quick, folder):
         memory = [used[0] for used in drill.usages]
         return {"title": "Servers", "lines": [
             f"{len(chosen)} faults at seven kinds of request struck {single} times, and a walk of {phases} phases over "
-            f"{walk / MINUTE:.0f} virtual minutes {drill.strikes - single} times; collection stopped {stops} times after an "
-            f"hour of failures, and went on.",
+            f"{walk / MINUTE:.0f} virtual minutes {drill.strikes - single} times; collection stopped {stops} times as uploads "
+            f"failed, and went on.",
             f"{records} complete records: none lost, {twice} came twice; {len(drill.server.unsaid)} zips that were taken "
             f"without an answer came again. Not the agent's: {forgotten} records that a lying server accepted and forgot.",
             f"From an honest server to an agent that registers, uploads, answers and takes a plan: "
