@@ -92,7 +92,7 @@ def put_into_docs(text):
     _, _, after = rest.partition("<!-- end of the report -->")
     page.write_text(f"{before}<!-- report -->\n{text}<!-- end of the report -->{after}")
     if (OUTPUT / "soak.svg").exists():
-        shutil.copy(OUTPUT / "soak.svg", ROOT / "docs/pictures/soak.svg")
+        shutil.copy(OUTPUT / "soak.svg", ROOT / "docs/soak.svg")
 
 
 def main():
