@@ -16,6 +16,7 @@ import os
 import pathlib
 import platform
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -25,6 +26,7 @@ import traceback
 ROOT = pathlib.Path(__file__).parents[2]
 OUTPUT = ROOT / "build/long"
 DRILLS = ("soak", "kill", "disk", "servers", "clock", "hostile", "model")  # the longest first
+running = {}  # name -> process
 MOUNTS = ("disk",)  # drills that mount file systems of their own, which nobody else sees
 
 
@@ -46,6 +48,8 @@ def run_here(name, options):
     folder = tempfile.mkdtemp(prefix="kvlong-")
     try:
         result = importlib.import_module(name).run(options.seed, options.quick, folder)
+    except KeyboardInterrupt:
+        return 130
     except Exception as failure:  # also a fault of the drill itself
         told = str(failure) if type(failure).__name__ == "Broken" else traceback.format_exc()
         result = {"title": name, "failure": told}
@@ -65,8 +69,9 @@ def run_apart(name, options):
     if name in MOUNTS:
         command = ["unshare", "--mount", *([] if os.geteuid() == 0 else ["--user", "--map-root-user"]), *command]
     start = time.monotonic()
-    ended = subprocess.run(command, stdin=subprocess.DEVNULL)
-    result = json.loads(file.read_text()) if file.exists() else {"title": name, "failure": f"ended with {ended.returncode}"}
+    running[name] = subprocess.Popen(command, stdin=subprocess.DEVNULL)
+    ended = running[name].wait()
+    result = json.loads(file.read_text()) if file.exists() else {"title": name, "failure": f"ended with {ended}"}
     result["seconds"] = time.monotonic() - start
     print(f"{name}: {'FAILED' if 'failure' in result else 'passed'} after {result['seconds']:.0f} s", flush=True)
     return result
@@ -97,6 +102,8 @@ def put_into_docs(text):
 
 def main():
     options = parse(sys.argv[1:])
+    for ending in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(ending, signal.default_int_handler)
     if options.alone:
         return run_here(options.drills[0], options)
     OUTPUT.mkdir(parents=True, exist_ok=True)
@@ -104,7 +111,13 @@ def main():
     print(f"The long gate, seed {options.seed}: {', '.join(drills)}", flush=True)
     start = time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
-        results = list(pool.map(lambda name: run_apart(name, options), drills))
+        try:
+            results = list(pool.map(lambda name: run_apart(name, options), drills))
+        except KeyboardInterrupt:
+            pool.shutdown(wait=False, cancel_futures=True)
+            for drill in running.values():
+                drill.terminate()
+            return 130
     text = report(results, options, time.monotonic() - start)
     (OUTPUT / "report.md").write_text(text)
     print("\n" + text)

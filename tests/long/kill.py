@@ -142,7 +142,7 @@ def run(seed, quick, folder):
         except Exception as failure:
             failures.append(failure)
 
-    threads = [threading.Thread(target=lane, args=(number,)) for number in range(LANES)]
+    threads = [threading.Thread(target=lane, args=(number,), daemon=True) for number in range(LANES)]
     for thread in threads:
         thread.start()
     for thread in threads:

@@ -23,6 +23,7 @@
 #include <string>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -105,6 +106,7 @@ void Start() {
     const char* const copies = getenv("KV_LONG_WITNESS");
     unsetenv("LD_PRELOAD");
     if (file == nullptr || folder == nullptr || copies == nullptr) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // it does not outlive its drill
     root = folder;
     witness = copies;
     wallMinusMonotonic = MachineTime(CLOCK_REALTIME) - MachineTime(CLOCK_MONOTONIC);
