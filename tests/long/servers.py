@@ -218,9 +218,10 @@ def chunked(size=b"%x", end=b"0\r\n\r\n"):
 
 
 def half(*pieces, end):
-    """Takes half of an upload before it sends these bytes; of anything else says the truth before such an end."""
+    """Takes half of a large upload before it sends these bytes; of anything else says the truth before such an end. A small
+    one lies whole in the buffers of both systems, and nobody can tell that its second half was never read."""
     def routine(call):
-        if call.station == "upload":
+        if call.station == "upload" and (call.length > 1 << 20 or not pieces):
             call.read(call.head_size + call.length // 2)
             call.send(pieces)
         elif pieces:
