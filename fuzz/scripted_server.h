@@ -169,7 +169,7 @@ class ScriptedServer {
     std::size_t sentOfPiece_ = 0;
 };
 
-/// The one that clients are led to; null while there is none.
+/// The one that clients are led to; null before it is made and after it is gone.
 inline ScriptedServer* scriptedServer = nullptr;
 
 /// How far the monotonic clock has been moved on, in milliseconds.

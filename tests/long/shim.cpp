@@ -209,7 +209,7 @@ class Witness {
             return;
         }  // the renaming will fail, too
         const int target = open((copy_ + ".part").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        isRoots[source] = false;  // this reading is no operation of the agent
+        isRoots[source] = false;  // this reading is ours, not the agent's
         char block[65536];
         for (ssize_t count = 0; (count = read(source, block, sizeof block)) > 0;) {
             if (write(target, block, static_cast<size_t>(count)) == count) continue;
