@@ -5,7 +5,6 @@ import json
 import mmap
 import os
 import pathlib
-import re
 import shutil
 import signal
 import socket

@@ -2,11 +2,9 @@
 
 import hashlib
 import io
-import random
 import socket
 import struct
 import threading
-import time
 import urllib.parse
 import zipfile
 
