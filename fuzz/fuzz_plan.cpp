@@ -103,13 +103,13 @@ void Collect(const HashTable* workflow) {
             CollectRecord(reinterpret_cast<const HashTable*>(record->value));
 }
 
-/// A plan that is judged usable brings workflows that can run, and no other is taken.
+/// A plan that is judged usable brings a list, empty or with workflows that can run. No other brings a workflow.
 void Load() {
     const bool isUsable = JudgeQueryConfig(u"", conf_path::ownPlan) == PlanJudgement::usable;
     LoadQueryConfig(u"", std::nullopt);
     const Vector* workflows =
         agentState.gv_queryConfHash ? GetHashVector(agentState.gv_queryConfHash, u"WorkFlows") : nullptr;
-    Require(isUsable == (workflows && workflows->head));
+    Require(isUsable ? workflows != nullptr : !workflows || !workflows->head);
     for (const VectorElement* element = workflows ? workflows->head : nullptr; element; element = element->next) {
         Require(WorkflowFault(element) == nullptr);
         Collect(reinterpret_cast<const HashTable*>(element->value));
