@@ -183,9 +183,9 @@ TEST_P(Values, AreShownPlottedAndListed) {
 }
 
 TEST_P(Values, OfManyAgentsAreDrawnInNaturalOrder) {
-    const auto deliver = [this](const std::string& agent, std::int64_t ago, int number) {
-        const auto text =
-            fmt::format(R"({{"DATACOLLECTTIME":"{}","Load":{{"Load":"{}"}}}})", Now() / 1000 - ago, number);
+    const std::int64_t begin = Now() / 1000;  // deliveries of one time stay so on a busy machine
+    const auto deliver = [this, begin](const std::string& agent, std::int64_t ago, int number) {
+        const auto text = fmt::format(R"({{"DATACOLLECTTIME":"{}","Load":{{"Load":"{}"}}}})", begin - ago, number);
         StoreDelivery(store, agent, fmt::format("{} {}", ago, number), {DecodeRecord("l", WideBytes(text))});
     };
     for (int agent = 14; agent > 0; --agent) deliver("FLEET" + std::to_string(agent), 500, 7);
