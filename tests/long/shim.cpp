@@ -17,6 +17,7 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -26,6 +27,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -33,15 +35,7 @@ namespace {
 /// What happens at a chosen operation.
 enum Fault : std::int64_t { none, killBefore, killAfter, fails, writesHalf, isSlow };
 
-enum Operation : std::int64_t {
-    opens = 1,
-    writes = 2,
-    renames = 4,
-    unlinks = 8,
-    syncs = 16,
-    makesFolder = 32,
-    reads = 64
-};
+enum Operation { opens = 1, writes = 2, renames = 4, unlinks = 8, syncs = 16, makesFolder = 32, reads = 64 };
 
 /// The layout is known to agent.py. Times are nanoseconds.
 struct Control {
@@ -69,7 +63,11 @@ std::int64_t wallMinusMonotonic = 0;  // of the machine
 std::atomic<bool> isRoots[4096];      // descriptors of the root's files
 
 /// The system's own routine, which the one of this name here stands before.
-#define REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
+#define REAL(name)                                                                             \
+    ([] {                                                                                      \
+        static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name)); \
+        return real;                                                                           \
+    }())
 
 std::int64_t Count(const timespec& time) { return time.tv_sec * second + time.tv_nsec; }
 
@@ -78,14 +76,9 @@ timespec Spec(std::int64_t count) {
     return {seconds, static_cast<long>(count - seconds * second)};
 }
 
-int RealTime(clockid_t clock, timespec* time) {
-    REAL(clock_gettime);
-    return real(clock, time);
-}
-
 std::int64_t MachineTime(clockid_t clock) {
     timespec time{};
-    RealTime(clock, &time);
+    REAL(clock_gettime)(clock, &time);
     return Count(time);
 }
 
@@ -93,8 +86,6 @@ std::int64_t FastMonotonic(std::int64_t machine) {
     return control->monotonic +
            static_cast<std::int64_t>(static_cast<double>(machine - control->realStart) * control->rate);
 }
-
-std::int64_t FastWall(std::int64_t machine) { return FastMonotonic(machine) + control->wallOffset; }
 
 std::int64_t Shortened(std::int64_t duration) {
     return control == nullptr ? duration : static_cast<std::int64_t>(static_cast<double>(duration) / control->rate);
@@ -142,54 +133,48 @@ bool IsChosen(std::int64_t number, Operation kind) {
     return static_cast<std::int64_t>((mixed >> 20) % 1'000'000) < control->perMillion;
 }
 
-/// One operation on a file of the root: counts it, and does to it what was chosen.
-class Step {
-  public:
-    Step(Operation kind, bool isCounted) {
-        if (!isCounted || (kind == reads && (control->kinds & reads) == 0)) return;
-        if (!IsChosen(control->count.fetch_add(1), kind)) return;
-        ++control->struck;
-        fault_ = control->fault;
-        if (fault_ == killBefore) raise(SIGKILL);
-        if (fault_ == isSlow) {
-            REAL(nanosleep);
-            const timespec pause = Spec(control->number);
-            real(&pause, nullptr);
-        }
+/// Counts an operation on a file of the root; the fault that is chosen for it.
+Fault Strike(Operation kind, bool isCounted) {
+    if (!isCounted || (kind == reads && (control->kinds & reads) == 0)) return none;
+    if (!IsChosen(control->count.fetch_add(1), kind)) return none;
+    ++control->struck;
+    const auto fault = static_cast<Fault>(control->fault);
+    if (fault == killBefore) raise(SIGKILL);
+    if (fault == isSlow) {
+        const timespec pause = Spec(control->number);
+        REAL(nanosleep)(&pause, nullptr);
     }
-    bool Fails() const { return fault_ == fails; }
-    bool WritesHalf() const { return fault_ == writesHalf; }
-    template <class Result>
-    Result Failure(Result result) const {
-        errno = static_cast<int>(control->number);
-        return result;
-    }
-    template <class Result>
-    Result Done(Result result) const {
-        if (fault_ == killAfter) raise(SIGKILL);
-        return result;
-    }
+    return fault;
+}
 
-  private:
-    std::int64_t fault_ = none;
-};
+/// Does an operation, or fails in its place.
+template <class Call>
+auto Do(Fault fault, Call call) -> decltype(call()) {
+    if (fault == fails) {
+        errno = static_cast<int>(control->number);
+        return -1;
+    }
+    const auto result = call();
+    if (fault == killAfter) raise(SIGKILL);
+    return result;
+}
 
 template <class Opening>
 int Opened(const char* path, int flags, Opening open) {
     const bool isMine = IsRoots(path);
-    const Step step(opens, isMine && (flags & (O_CREAT | O_TRUNC)) != 0);
-    if (step.Fails()) return step.Failure(-1);
-    const int descriptor = open();
-    if (descriptor >= 0 && descriptor < 4096) isRoots[descriptor] = isMine;
-    return step.Done(descriptor);
+    const bool changes = (flags & (O_CREAT | O_TRUNC)) != 0;
+    return Do(Strike(opens, isMine && changes), [&] {
+        const int descriptor = open();
+        if (descriptor >= 0 && descriptor < 4096) isRoots[descriptor] = isMine;
+        return descriptor;
+    });
 }
 
 template <class Write>
 ssize_t Written(int descriptor, size_t size, Write write) {
-    const Step step(writes, IsRootsFile(descriptor));
-    if (step.Fails()) return step.Failure(ssize_t{-1});
-    if (step.WritesHalf()) return size > 1 ? write(size / 2) : step.Failure(ssize_t{-1});
-    return step.Done(write(size));
+    const Fault fault = Strike(writes, IsRootsFile(descriptor));
+    if (fault == writesHalf && size > 1) return write(size / 2);
+    return Do(fault == writesHalf ? fails : fault, [&] { return write(size); });
 }
 
 /// A copy of a record that is about to get its final name, under a name that is given up unless it gets it.
@@ -203,21 +188,12 @@ class Witness {
         static std::atomic<int> copies{0};
         copy_ = witness + std::string(to.substr(name)) + "." + std::to_string(getpid()) + "." +
                 std::to_string(copies.fetch_add(1));
-        const int source = open(from, O_RDONLY | O_CLOEXEC);
-        if (source < 0) {
-            copy_.clear();
-            return;
-        }  // the renaming will fail, too
-        const int target = open((copy_ + ".part").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        isRoots[source] = false;  // this reading is ours, not the agent's
-        char block[65536];
-        for (ssize_t count = 0; (count = read(source, block, sizeof block)) > 0;) {
-            if (write(target, block, static_cast<size_t>(count)) == count) continue;
-            perror("a copy of a record cannot be written");
-            abort();
-        }
-        close(source);
-        close(target);
+        std::error_code error;
+        if (std::filesystem::copy_file(from, copy_ + ".part", error)) return;
+        copy_.clear();
+        if (error == std::errc::no_such_file_or_directory) return;  // the renaming fails, too
+        fprintf(stderr, "the record %s cannot be copied: %s\n", from, error.message().c_str());
+        abort();
     }
     void Keep() const {
         if (!copy_.empty()) rename((copy_ + ".part").c_str(), copy_.c_str());
@@ -229,12 +205,12 @@ class Witness {
 
 template <class Rename>
 int Renamed(const char* from, const char* to, Rename rename) {
-    const Step step(renames, IsRoots(to));
-    if (step.Fails()) return step.Failure(-1);
-    const Witness copy(from, to);
-    const int result = rename();
-    if (result == 0) copy.Keep();
-    return step.Done(result);
+    return Do(Strike(renames, IsRoots(to)), [&] {
+        const Witness copy(from, to);
+        const int result = rename();
+        if (result == 0) copy.Keep();
+        return result;
+    });
 }
 
 /// Times of files are the machine's: here as the fast clock would have set them.
@@ -242,7 +218,7 @@ template <class Status>
 int WithFastTimes(int result, Status* status) {
     if (result != 0 || control == nullptr) return result;
     for (timespec* time : {&status->st_atim, &status->st_mtim, &status->st_ctim})
-        *time = Spec(FastWall(Count(*time) - wallMinusMonotonic));
+        *time = Spec(FastMonotonic(Count(*time) - wallMinusMonotonic) + control->wallOffset);
     return result;
 }
 
@@ -251,113 +227,79 @@ int WithFastTimes(int result, Status* status) {
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    REAL(open);
     std::va_list rest;
     va_start(rest, flags);
     const auto mode = va_arg(rest, mode_t);
     va_end(rest);
-    return Opened(path, flags, [&] { return real(path, flags, mode); });
+    return Opened(path, flags, [&] { return REAL(open)(path, flags, mode); });
 }
 
-int open64(const char* path, int flags, ...) {
-    std::va_list rest;
-    va_start(rest, flags);
-    const auto mode = va_arg(rest, mode_t);
-    va_end(rest);
-    return open(path, flags, mode);
-}
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 int openat(int folder, const char* path, int flags, ...) {
-    REAL(openat);
     std::va_list rest;
     va_start(rest, flags);
     const auto mode = va_arg(rest, mode_t);
     va_end(rest);
     const bool isElsewhere = path[0] != '/' && folder != AT_FDCWD;  // below a folder that was opened to look into
-    return Opened(isElsewhere ? nullptr : path, flags, [&] { return real(folder, path, flags, mode); });
+    return Opened(isElsewhere ? nullptr : path, flags, [&] { return REAL(openat)(folder, path, flags, mode); });
 }
 
 int close(int descriptor) {
-    REAL(close);
     if (descriptor >= 0 && descriptor < 4096) isRoots[descriptor] = false;
-    return real(descriptor);
+    return REAL(close)(descriptor);
 }
 
 ssize_t write(int descriptor, const void* bytes, size_t size) {
-    REAL(write);
-    return Written(descriptor, size, [&](size_t count) { return real(descriptor, bytes, count); });
+    return Written(descriptor, size, [&](size_t count) { return REAL(write)(descriptor, bytes, count); });
 }
 
 ssize_t pwrite64(int descriptor, const void* bytes, size_t size, off64_t offset) {
-    REAL(pwrite64);
-    return Written(descriptor, size, [&](size_t count) { return real(descriptor, bytes, count, offset); });
+    return Written(descriptor, size, [&](size_t count) { return REAL(pwrite64)(descriptor, bytes, count, offset); });
 }
 
 ssize_t read(int descriptor, void* bytes, size_t size) {
-    REAL(read);
-    const Step step(reads, IsRootsFile(descriptor));
-    return step.Fails() ? step.Failure(ssize_t{-1}) : step.Done(real(descriptor, bytes, size));
+    return Do(Strike(reads, IsRootsFile(descriptor)), [&] { return REAL(read)(descriptor, bytes, size); });
 }
 
 ssize_t pread64(int descriptor, void* bytes, size_t size, off64_t offset) {
-    REAL(pread64);
-    const Step step(reads, IsRootsFile(descriptor));
-    return step.Fails() ? step.Failure(ssize_t{-1}) : step.Done(real(descriptor, bytes, size, offset));
+    return Do(Strike(reads, IsRootsFile(descriptor)), [&] { return REAL(pread64)(descriptor, bytes, size, offset); });
 }
 
 int rename(const char* from, const char* to) {
-    REAL(rename);
-    return Renamed(from, to, [&] { return real(from, to); });
+    return Renamed(from, to, [&] { return REAL(rename)(from, to); });
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned int flags) {
-    REAL(renameat2);
-    return Renamed(from, to, [&] { return real(fromFolder, from, toFolder, to, flags); });
+    return Renamed(from, to, [&] { return REAL(renameat2)(fromFolder, from, toFolder, to, flags); });
 }
 
 int unlink(const char* path) {
-    REAL(unlink);
-    const Step step(unlinks, IsRoots(path));
-    return step.Fails() ? step.Failure(-1) : step.Done(real(path));
+    return Do(Strike(unlinks, IsRoots(path)), [&] { return REAL(unlink)(path); });
 }
 
 int fsync(int descriptor) {
-    REAL(fsync);
-    const Step step(syncs, IsRootsFile(descriptor));
-    return step.Fails() ? step.Failure(-1) : step.Done(real(descriptor));
+    return Do(Strike(syncs, IsRootsFile(descriptor)), [&] { return REAL(fsync)(descriptor); });
 }
 
 int fdatasync(int descriptor) {
-    REAL(fdatasync);
-    const Step step(syncs, IsRootsFile(descriptor));
-    return step.Fails() ? step.Failure(-1) : step.Done(real(descriptor));
+    return Do(Strike(syncs, IsRootsFile(descriptor)), [&] { return REAL(fdatasync)(descriptor); });
 }
 
 int mkdir(const char* path, mode_t mode) {
-    REAL(mkdir);
-    const Step step(makesFolder, IsRoots(path));
-    return step.Fails() ? step.Failure(-1) : step.Done(real(path, mode));
+    return Do(Strike(makesFolder, IsRoots(path)), [&] { return REAL(mkdir)(path, mode); });
 }
 
 int clock_gettime(clockid_t clock, timespec* time) {
-    const int result = RealTime(clock, time);
+    const int result = REAL(clock_gettime)(clock, time);
     if (result != 0 || control == nullptr) return result;
-    switch (clock) {
-        case CLOCK_REALTIME:
-        case CLOCK_REALTIME_COARSE:
-            *time = Spec(FastWall(MachineTime(CLOCK_MONOTONIC)));
-            break;
-        case CLOCK_MONOTONIC:
-        case CLOCK_MONOTONIC_COARSE:
-        case CLOCK_MONOTONIC_RAW:
-            *time = Spec(FastMonotonic(MachineTime(CLOCK_MONOTONIC)));
-            break;
-        case CLOCK_BOOTTIME:
-            *time = Spec(FastMonotonic(MachineTime(CLOCK_MONOTONIC)) + control->asleep);
-            break;
-        default:  // processor time
-            break;
-    }
+    const std::int64_t monotonic = FastMonotonic(MachineTime(CLOCK_MONOTONIC));
+    if (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE)
+        *time = Spec(monotonic + control->wallOffset);
+    else if (clock == CLOCK_BOOTTIME)
+        *time = Spec(monotonic + control->asleep);
+    else if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE || clock == CLOCK_MONOTONIC_RAW)
+        *time = Spec(monotonic);  // the others count processor time
     return 0;
 }
 
@@ -376,9 +318,8 @@ time_t time(time_t* result) {
 }
 
 int nanosleep(const timespec* duration, timespec* left) {
-    REAL(nanosleep);
     const timespec shortened = Spec(Shortened(Count(*duration)));
-    return real(&shortened, left);
+    return REAL(nanosleep)(&shortened, left);
 }
 
 int usleep(useconds_t microseconds) {
@@ -387,19 +328,16 @@ int usleep(useconds_t microseconds) {
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* end) {
-    REAL(pthread_cond_clockwait);
-    if (control == nullptr) return real(condition, mutex, clock, end);
+    if (control == nullptr) return REAL(pthread_cond_clockwait)(condition, mutex, clock, end);
     timespec now{};
     clock_gettime(clock, &now);
     const timespec machineEnd = Spec(MachineTime(CLOCK_MONOTONIC) + Shortened(Count(*end) - Count(now)));
-    return real(condition, mutex, CLOCK_MONOTONIC, &machineEnd);
+    return REAL(pthread_cond_clockwait)(condition, mutex, CLOCK_MONOTONIC, &machineEnd);
 }
 
 int ppoll(pollfd* watched, nfds_t count, const timespec* limit, const sigset_t* signals) {
-    REAL(ppoll);
-    if (limit == nullptr) return real(watched, count, nullptr, signals);
-    const timespec shortened = Spec(Shortened(Count(*limit)));
-    return real(watched, count, &shortened, signals);
+    const timespec shortened = limit == nullptr ? timespec{} : Spec(Shortened(Count(*limit)));
+    return REAL(ppoll)(watched, count, limit == nullptr ? nullptr : &shortened, signals);
 }
 
 int poll(pollfd* watched, nfds_t count, int milliseconds) {
@@ -407,24 +345,14 @@ int poll(pollfd* watched, nfds_t count, int milliseconds) {
     return ppoll(watched, count, milliseconds < 0 ? nullptr : &limit, nullptr);
 }
 
-int fstat(int descriptor, struct stat* status) {
-    REAL(fstat);
-    return WithFastTimes(real(descriptor, status), status);
-}
+int fstat(int descriptor, struct stat* status) { return WithFastTimes(REAL(fstat)(descriptor, status), status); }
 
-int stat(const char* path, struct stat* status) {
-    REAL(stat);
-    return WithFastTimes(real(path, status), status);
-}
+int stat(const char* path, struct stat* status) { return WithFastTimes(REAL(stat)(path, status), status); }
 
-int lstat(const char* path, struct stat* status) {
-    REAL(lstat);
-    return WithFastTimes(real(path, status), status);
-}
+int lstat(const char* path, struct stat* status) { return WithFastTimes(REAL(lstat)(path, status), status); }
 
 int fstatat(int folder, const char* path, struct stat* status, int flags) {
-    REAL(fstatat);
-    return WithFastTimes(real(folder, path, status, flags), status);
+    return WithFastTimes(REAL(fstatat)(folder, path, status, flags), status);
 }
 
 }  // extern "C"
