@@ -36,10 +36,9 @@ TEST(CommandOutput, IsBoundedInTimeAndSize) {
     std::signal(SIGCHLD, SIG_DFL);
     for (const auto& row : rows) {
         const CommandOutput outcome = RunCommand(row.words, {row.time, limit});
-        EXPECT_EQ(outcome.failure, row.failure) << row.title;
-        EXPECT_EQ(outcome.exitCode, row.exitCode) << row.title;
-        EXPECT_EQ(outcome.output, row.output) << row.title;
-        EXPECT_EQ(outcome.complaint, row.complaint) << row.title;
+        EXPECT_EQ(std::tuple(outcome.failure, outcome.exitCode, outcome.output, outcome.complaint),
+                  std::tuple(row.failure, row.exitCode, row.output, row.complaint))
+            << row.title;
     }
 }
 
