@@ -79,6 +79,15 @@ bool StaysInDownloads(std::u16string_view directory, const platform::FindData& f
                                 platform::MoveTarget::isReplaced) == error::success);
 }
 
+/// Deletes plans in other letters that a kill has left: they would take the place of the one that is unpacked now.
+void DeleteLeftPlans(std::u16string_view directory) {
+    for (FileSearch search(ConcatStrings(directory, u"*")); search.hasFile(); search.Next()) {
+        const std::u16string& name = search.file.fileName;
+        if (name != conf_path::planName && CompareIgnoreCase(name, conf_path::planName) == 0)
+            Files().DeleteFileW(ConcatStrings(directory, name));
+    }
+}
+
 /// Deletes what an archive has brought beside the plan; nothing else ever would.
 void ClearDownloads(std::u16string_view directory) {
     int failed = 0, deleted = 0;
@@ -212,6 +221,7 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     }
     Log1("\t RequestingConfigDetailstoCS :: Download Zip file is successful \n");
     ClearDirectoryFromPath(newPlan);
+    DeleteLeftPlans(directory);
     if (HasRoomFor(directory, UnpackedSize(archive), archive, "The plan in use stays until a new one is sent again"))
         UnzipFiles(archive, u"..\\conf\\download");
     if (const Error failure = Files().DeleteFileW(archive))

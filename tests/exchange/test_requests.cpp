@@ -246,6 +246,7 @@ TEST_F(Requests, OnlyThePlanOfADownloadedArchiveStays) {
         got.body = bytes;
     });
     Write(conf / "download" / "queryconf.txt.refused", "an earlier one");
+    Write(conf / "download" / "QUERYCONF.txt", plan);  // left by a kill
     for (const bool isFull : {true, false}) {
         const Replaced room(&platform::FileOperations::GetDiskFreeSpaceExW, [isFull](auto, std::uint64_t& bytes) {
             bytes = isFull ? 500 : UINT64_MAX;
