@@ -11,7 +11,7 @@ build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjso
 test=(git libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
       clang libclang-rt-dev llvm snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
       dbus systemd-journal-remote dmidecode pciutils samba-common-bin postgresql prometheus chromium chromium-driver
-      fonts-dejavu-core)
+      fonts-dejavu-core fuse3 python3-fusepy)
 windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
          libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev wine wine64 gnutls-bin)
 

@@ -7,6 +7,7 @@ import pathlib
 import random
 import signal
 import subprocess
+import time
 
 import agent as long_agent
 from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES, Agent, Broken,
@@ -17,16 +18,32 @@ from server import Server
 ROUNDS = 300
 ROUNDS_OF_A_TREE = 15
 SIZE = 6 << 20
+SLOW_DISK = pathlib.Path(__file__).with_name("slow_disk.py")
 TAKES_SPACE = OPENS | WRITES | MAKES_FOLDER
 
 
 class Disk:
-    """A file system of a few megabytes in memory, on which the agent's tree stands."""
+    """A file system of a few megabytes in memory, on which the agent's tree stands; with `slowed` below one of FUSE that
+    can make each operation wait."""
 
-    def __init__(self, place):
-        self.place = pathlib.Path(place)
+    def __init__(self, folder, slowed):
+        self.tree = folder / "agent"
+        self.place = folder / "disk" if slowed else self.tree
         self.place.mkdir(parents=True)
         subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={SIZE},nr_inodes=400", "long-gate", self.place], check=True)
+        self.delay = folder / "delay" if slowed else None
+        if slowed:
+            self.wait(0)
+            self.tree.mkdir()
+            self.slow_disk = subprocess.Popen([SLOW_DISK, self.place, self.tree, self.delay])
+            while not os.path.ismount(self.tree):
+                if self.slow_disk.poll() is not None:
+                    raise RuntimeError(f"{SLOW_DISK} ended with {self.slow_disk.returncode}")
+                time.sleep(0.02)
+
+    def wait(self, seconds):
+        """Lets each operation of a slowed disk wait."""
+        self.delay.write_text(str(seconds))
 
     def fill(self, left):
         """Takes all room but so many bytes."""
@@ -58,11 +75,16 @@ class Disk:
         subprocess.run(["mount", "-o", f"remount,{how}", self.place], check=True)
 
     def heal(self):
+        if self.delay:
+            self.wait(0)
         self.remount("rw")
         (self.place / "filler").unlink(missing_ok=True)
         subprocess.run(["rm", "-rf", self.place / "inodes"], check=True)
 
     def close(self):
+        if self.delay:
+            subprocess.run(["umount", "-l", self.tree], check=True)
+            self.slow_disk.wait()
         subprocess.run(["umount", "-l", self.place], check=True)
 
 
@@ -80,7 +102,8 @@ def without_inodes(tree, chance):
 
 
 def read_only(tree, chance):
-    if chance.random() < 0.3:  # from its start; a running agent keeps files open for writing, which holds a remount off
+    # From its start; a running agent keeps files open for writing, which holds a remount off, and FUSE closes them late.
+    if not tree.disk.delay and chance.random() < 0.5:
         tree.agent.kill()
         tree.disk.remount("ro")
         tree.agent.start()
@@ -89,7 +112,10 @@ def read_only(tree, chance):
 
 
 def slow(tree, chance):
-    tree.agent.control.strike(SLOW, chance.randrange(1, 20) * 1_000_000, per_million=300_000, kinds=CHANGES | READS)
+    if tree.disk.delay:
+        tree.disk.wait(chance.uniform(0.001, 0.01))
+    else:
+        tree.agent.control.strike(SLOW, chance.randrange(1, 20) * 1_000_000, per_million=300_000, kinds=CHANGES | READS)
 
 
 def over_quota(tree, chance):
@@ -110,8 +136,8 @@ FAULTS = (full, nearly_full, without_inodes, read_only, slow, over_quota, writes
 
 
 class Tree:
-    def __init__(self, folder, server):
-        self.disk = Disk(folder / "agent")
+    def __init__(self, folder, server, slowed):
+        self.disk = Disk(folder, slowed)
         self.server = server
         self.agent = Agent(folder, server.port, settings={"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 5}})
         self.agent.write_script("big.sh", BIG)
@@ -171,12 +197,14 @@ class Tree:
 
 def run(seed, quick, folder):
     rounds = ROUNDS // (20 if quick else 1)
+    has_fuse = os.access("/dev/fuse", os.R_OK | os.W_OK)
     counts = dict.fromkeys(FAULTS, 0)
     records = twice = 0
     for start in range(0, rounds, ROUNDS_OF_A_TREE):
         chance = random.Random(f"{seed}/{start}")
         server = Server()
-        tree = Tree(pathlib.Path(folder) / f"disk-{start}", server)
+        slowed = has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0
+        tree = Tree(pathlib.Path(folder) / f"disk-{start}", server, slowed)
         try:
             for round_ in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
                 fault = FAULTS[round_ % len(FAULTS)]
@@ -196,7 +224,8 @@ def run(seed, quick, folder):
     return {"title": "Disks", "lines": [
         f"{sum(counts.values())} rounds: " + ", ".join(f"{fault.__name__.replace('_', ' ')} {count}"
                                                        for fault, count in counts.items()),
-        "full, without inodes and read-only from the start are a real file system of 6 MiB; slow, quota, half a write and EIO "
-        "come from the preloaded library, operation by operation",
+        "full, without inodes and read-only from the start are a real file system of 6 MiB; "
+        f"{'half of the slow ones are a real one of FUSE; ' if has_fuse else ''}"
+        "the others, quota, half a write and EIO come from the preloaded library, operation by operation",
         f"the agent lived and went on by itself in each; {records} records were complete, 0 lost; {twice} came twice; plan and "
         "registry were old or new"]}
