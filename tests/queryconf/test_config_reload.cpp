@@ -1,8 +1,6 @@
-// A new plan from the server: the files and the table after it is installed, after failed steps, and after kills.
-#include <functional>
+// A new plan from the server: the files and the table after it is installed, and after failed steps.
 #include <regex>
 
-#include "foundation/log.h"
 #include "platform/files.h"
 #include "queryconf/config_reload.h"
 #include "tests/queryconf/plan_test.h"
@@ -12,7 +10,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Files = platform::FileOperations;
-using platform::error::accessDenied;
 using platform::error::diskFull;
 using platform::error::tooManyOpenFiles;
 
@@ -21,8 +18,8 @@ class ConfigReload : public PlanTest {
   protected:
     ConfigReload() { agentState.gv_agentKey.Publish(u"Own"); }
 
-    /// Writes the plans and, if it is not null, a new plan into the download directory.
-    void SetUpFiles(const char* newText) {
+    /// Writes the plans and, if it is not empty, a new plan into the download directory.
+    void SetUpFiles(const std::string& newText) {
         fs::remove_all(conf);
         for (const fs::path& part : {fs::path(), fs::path("S")}) {
             const std::string key = part.empty() ? "WorkFlows" : "WorkFlows_S";
@@ -30,15 +27,13 @@ class ConfigReload : public PlanTest {
             Write(conf / "backup" / part / "queryconf.txt", WideBytes(PlanText(key, {"old"})));
         }
         fs::create_directories(download);
-        if (newText) Write(download / "queryconf.txt", WideBytes(newText));
+        if (!newText.empty()) Write(download / "queryconf.txt", WideBytes(newText));
         FreePlan();
         LoadQueryConfig(u"", std::nullopt);
     }
     fs::path LivePath(const fs::path& slave) const {
         return slave.empty() ? conf / "queryconf.txt" : conf / "slaves" / slave / "queryconf.txt";
     }
-    static void Reload(const std::string& agentKey) { ReloadQueryConfDetails(platform::WideFromUtf8(agentKey)); }
-
     /// The workflow of a plan file of PlanText. "-" without a file; the text of any other file.
     static std::string PlanInFile(const fs::path& path) {
         static const std::regex plan(
@@ -60,19 +55,17 @@ class ConfigReload : public PlanTest {
 };
 
 TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
-    constexpr const char* own = R"({"WorkFlows":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
-    constexpr const char* ofS = R"({"WorkFlows_S":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
-    constexpr const char* ofT = R"({"WorkFlows_T":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
+    const std::string own = PlanText("WorkFlows", {"new"}), ofS = PlanText("WorkFlows_S", {"new"});
     const std::string waits = "queryconf.txt", refused = "queryconf.txt.refused", gone;
     const Files sound = platform::Files();
     struct Row {
         const char* title;
         const char* agentKey;
-        const char* newText;
+        std::string newText;  // empty: absent
         Files operations;
         std::string slave, live, backup, downloads, loaded;
         const char* logged = "";
-        std::function<void()> before = [] {};
+        std::vector<const char*> missing = {};  // below conf, before the plan comes
     };
     for (const Row& row : std::vector<Row>{
              {"the own plan, key in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
@@ -80,13 +73,29 @@ TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
              {"an empty list", "Own", "{\"WorkFlows\":[]}", sound, "", "{\"WorkFlows\":[]}", "live", gone, "-"},
              {"a plan that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
               "old", waits, "live", "queryconf.txt waits for the next call"},
-             {"the first slave's plan", "T", ofT, sound, "T", "new", "-", gone, "new", "",
-              [this] {
-                  for (const char* each : {"slaves", "backup"}) fs::remove_all(conf / each);
-              }},
-             {"a slave without its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
-              [this] { fs::remove(LivePath("S")); }},
-             {"an absent plan", "Own", nullptr, sound, "", "live", "old", gone, "live"},
+             {"the first slave's plan",
+              "T",
+              PlanText("WorkFlows_T", {"new"}),
+              sound,
+              "T",
+              "new",
+              "-",
+              gone,
+              "new",
+              "",
+              {"slaves", "backup"}},
+             {"a slave without its file",
+              "S",
+              ofS,
+              sound,
+              "S",
+              "new",
+              "-",
+              gone,
+              "new",
+              "",
+              {"slaves/S/queryconf.txt"}},
+             {"an absent plan", "Own", "", sound, "", "live", "old", gone, "live"},
              {"a malformed plan", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
               "\t JudgeQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
              {"another agent's plan", "Own", ofS, sound, "", "live", "old", refused, "live",
@@ -104,68 +113,15 @@ TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
         SCOPED_TRACE(row.title);
         SetUpFiles(row.newText);
         if (row.slave == "S") LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
-        row.before();
+        for (const char* each : row.missing) fs::remove_all(conf / each);
         const platform::ScopedOperations scoped(row.operations);
-        Reload(row.agentKey);
+        ReloadQueryConfDetails(platform::WideFromUtf8(row.agentKey));
         EXPECT_EQ(PlanInFile(LivePath(row.slave)), row.live);
         EXPECT_EQ(PlanInFile(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
         EXPECT_EQ(FilesIn(download), row.downloads.empty() ? std::vector<std::string>{} : std::vector{row.downloads});
         EXPECT_EQ(LoadedPlan(row.slave), row.loaded);
         EXPECT_TRUE(Logged(row.logged));
     }
-}
-
-struct Killed {};
-
-/// The current operations. The n-th call throws, as if the agent were killed; a copy is half done by then.
-Files KillAtCall(int n) {
-    const auto left = std::make_shared<int>(n);
-    Files files = platform::Files();
-    const auto step = [left] {
-        if (--*left == 0) throw Killed();
-    };
-    const auto dying = [step](auto& operation) {
-        operation = [step, next = operation](auto&&... arguments) {
-            step();
-            return next(std::forward<decltype(arguments)>(arguments)...);
-        };
-    };
-    dying(files.CreateFileW);
-    dying(files.ReadFile);
-    dying(files.FlushFileBuffers);
-    dying(files.MoveFileExW);
-    dying(files.DeleteFileW);
-    dying(files.wmkdir);
-    dying(files.GetFileAttributesW);
-    files.CopyFileW = [step, next = files.CopyFileW](std::u16string_view from, std::u16string_view to) {
-        TestAgent::Write(platform::Files().NativePath(to), "half");
-        step();
-        return next(from, to);
-    };
-    return files;
-}
-
-TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlans) {
-    logState.gv_logLevel = 0;  // calls for the log do not count
-    int call = 1;
-    for (bool killed = true; killed; ++call) {
-        SCOPED_TRACE(call);
-        SetUpFiles(PlanText("WorkFlows", {"new"}).c_str());
-        killed = false;
-        try {
-            const platform::ScopedOperations scoped(KillAtCall(call));
-            Reload("Own");
-        } catch (const Killed&) {
-            killed = true;
-        }
-        const std::string live = PlanInFile(LivePath(""));
-        const std::string backup = PlanInFile(conf / "backup" / "queryconf.txt");
-        EXPECT_TRUE(live == "new" ? backup == "live" : live == "live" && (backup == "live" || backup == "old"));
-        Reload("Own");
-        EXPECT_EQ(PlanInFile(LivePath("")), "new");
-        EXPECT_EQ(PlanInFile(conf / "backup" / "queryconf.txt"), "live");
-    }
-    EXPECT_GT(call, 10);
 }
 
 }  // namespace
