@@ -88,7 +88,6 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
         std::int32_t room = messageBufferSize;
     } rows[] = {
         {"get v1", 0, 0xA0, description, "3082002c 020100 04067075626c6963 a082001d" + variable},
-        {"getnext v2c", 1, 0xA1, description, "3082002c 020101 04067075626c6963 a182001d" + variable},
         {"two names", 1, 0xA0, two,
          "30820032 020101 04067075626c6963 a0820023" + fields +
              "30820016 30820007 06032b822c 0400 30820007 0603813401 0400"},
@@ -96,7 +95,6 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
          "3082002a 020101 04067075626c6963 a382001b" + fields + "3082000e 3082000a 06022b01 40040a000001"},
         {"version 3, without an envelope and four bytes too long", 3, 0xA0, description, "30820021" + variable},
         {"version 2", 2, 0xA0, description, "", "Supported SNMP versions are V1, V2c and V3.\n"},
-        {"inform", 1, 0xA6, description, "3082002c 020101 04067075626c6963 a682001d" + variable},
         {"trap v1", 0, 0xA4, description,
          "3082003f 020100 04067075626c6963 a4820030 06072b06010401bf08 40040a000007 020106 020111 430500ffffffff" +
              variable.substr(fields.size())},
@@ -181,12 +179,10 @@ TEST_F(SnmpMessage, ReadsAnswersAndDropsOtherMessages) {
          "1.3.6.1=2/4 1.3.6.1=4/4 1.3.6.1=5/0 1.3.6.1=6/5 1.3.6.1=64/8 1.3.6.1=65/4 1.3.6.1=66/4 1.3.6.1=67/4 "
          "1.3.6.1=68/4 1.3.6.1=70/8 1.3.6.1=71/4 1.3.6.1=128/0 1.3.6.1=129/0 1.3.6.1=130/0 "},
         {"response", answer(0xA2, one), 1, good, "\tGET-RESPONSE\n"},
-        {"get", answer(0xA0, one), 1, good, "\n Message Type\t\t=\tGET-REQ\n"},
-        {"an integer is shown", answer(0xA0, one), 1, good, "VarBind Value\t\t\t= 5\n"},
+        {"get, whose integer is shown", answer(0xA0, one), 1, good, "VarBind Value\t\t\t= 5\n"},
         {"getnext of version 1", answer(0xA1, one, 0), 1, good, "SNMP_V1\nCommunity Name\t\t=\tpublic\n"},
         {"trap of version 1", answer(0xA4, one), 0, "",
          "\n\nSince trap message has been received packet is dropped.\n"},
-        {"trap", answer(0xA7, one), 0},
         {"inform", answer(0xA6, one), 0, "", "Invalid Command Type"},
         {"version 2", answer(0xA2, one, 2), 0, "", "Version is not a SNMP_V1 or SNMP_V2C\nPACKET DROPPED !!! \n"},
         {"without a list", withPdu("a20d 020101 020100 020100 04023132"), 1, "", "not enough space for varlist"},

@@ -1,5 +1,6 @@
 // Object identifiers, texts, variables, their lists and locks, and PDUs.
 #include <gmock/gmock.h>
+#include <tuple>
 
 #include "snmp/asn.h"
 #include "snmp/narrow_text.h"
@@ -106,21 +107,14 @@ TEST_F(SnmpValues, TakesNullTextsEverywhere) {
     EXPECT_EQ(AllocateAndCopyString(copy, nullptr), 1);
     EXPECT_EQ(copy, nullptr);
 
-    const struct {
-        const char* text;
-        std::int32_t length;
-        std::vector<std::string> tokens;
-        char blank;
-    } rows[] = {{"a,bc,,d", 7, {"a", "bc", "", "d"}, 0}, {"\ta, b,", 3, {"\ta", ""}, '\t'}, {nullptr, 3, {}, 0}};
-    for (const auto& row : rows) {
-        std::int32_t count = -1;
-        std::unique_ptr<std::int32_t[]> lengths;
-        char** tokens = SplitString(row.text, row.length, ',', &count, lengths);
-        EXPECT_EQ(std::vector<std::string>(tokens, tokens + count), row.tokens);
-        for (std::int32_t i = 0; i < count; ++i) EXPECT_EQ(lengths.get()[i], TextLength(tokens[i]));
-        FreeStringArray(tokens, count);
-        EXPECT_EQ(ParseDelimiter(row.text, row.length), row.blank);
-    }
+    std::int32_t count = -1;
+    std::unique_ptr<std::int32_t[]> lengths;
+    char** tokens = SplitString("\ta,b,,c,d", 7, ',', &count, lengths);
+    EXPECT_THAT(std::vector<std::string>(tokens, tokens + count), ElementsAre("\ta", "b", "", "c"));
+    EXPECT_THAT(std::vector(lengths.get(), lengths.get() + count), ElementsAre(2, 1, 0, 1));
+    FreeStringArray(tokens, count);
+    EXPECT_EQ(SplitString(nullptr, 3, ',', &count, lengths), nullptr);
+    EXPECT_EQ(ParseDelimiter("a\tb", 3) + ParseDelimiter("a\tb", 1) + ParseDelimiter(nullptr, 3), '\t');
 }
 
 TEST_F(SnmpValues, CopiesAndTakesVariables) {
@@ -165,14 +159,12 @@ TEST_F(SnmpValues, CopiesAndTakesVariables) {
 }
 
 TEST_F(SnmpValues, AnOrderedListTakesEachElementOnce) {
-    const auto number = [](const TkVectorNode* node) { return *static_cast<const int*>(node->data); };
-    static const auto order = +[](const TkVectorNode* a, const TkVectorNode* b) {
-        const int left = *static_cast<const int*>(a->data), right = *static_cast<const int*>(b->data);
-        return static_cast<std::int8_t>(left < right ? -1 : left > right);
-    };
-    int numbers[50];
+    static const auto number = [](const TkVectorNode* node) { return *static_cast<const int*>(node->data); };
     TkVector list{};
-    InitVector(&list, order);
+    InitVector(
+        &list,
+        +[](const TkVectorNode* a, const TkVectorNode* b) { return static_cast<std::int8_t>(number(a) - number(b)); });
+    int numbers[50];
     for (int i = 0; i < 50; ++i) {
         numbers[i] = i * 37 % 50;
         ASSERT_EQ(AddElement(&list, new TkVectorNode{&numbers[i], nullptr}), 1);
@@ -185,42 +177,35 @@ TEST_F(SnmpValues, AnOrderedListTakesEachElementOnce) {
 }
 
 TEST_F(SnmpValues, APduTakesItsVariables) {
-    struct Row {
-        std::uint8_t command;
-        std::size_t communityLength;
-        bool isMade = true;
-    };
-    for (const Row& row : {Row{command::get, 254}, Row{command::inform, 0},
-                           Row{.command = command::get, .communityLength = 255, .isMade = false}}) {
-        SCOPED_TRACE(row.communityLength);
+    for (const auto& [command, communityLength, isMade] :
+         {std::tuple(command::get, 254, true), {command::inform, 0, true}, {command::get, 255, false}}) {
+        SCOPED_TRACE(communityLength);
         const std::uint32_t oid[] = {1, 3, 4711};
         const VarBindListPtr list = MakeVarBindList();
         Append(list.get(), CreateAVarBind(oid, 3, tag::octetString, nullptr, 0));
         EXPECT_NE(VariableAt(list.get(), 0).value, nullptr);  // its own byte
-        const std::string community(row.communityLength, 'c');
-        const SnmpPduPtr pdu(CreateSnmpPdu(versionV2c, community.c_str(), row.command, 1, 0, 1, list.get()));
-        ASSERT_EQ(pdu != nullptr, row.isMade);
-        EXPECT_EQ(list->count, row.isMade ? 1 : 0);
+        const std::string community(static_cast<std::size_t>(communityLength), 'c');
+        const SnmpPduPtr pdu(CreateSnmpPdu(versionV2c, community.c_str(), command, 1, 0, 1, list.get()));
+        ASSERT_EQ(pdu != nullptr, isMade);
+        EXPECT_EQ(list->count, isMade ? 1 : 0);
         if (!pdu) continue;
         EXPECT_EQ(pdu->community, community);
-        EXPECT_EQ((row.command == command::inform ? pdu->otherVarBinds : &pdu->varBinds)->count, 1);
+        EXPECT_EQ((command == command::inform ? pdu->otherVarBinds : &pdu->varBinds)->count, 1);
         FreeVector(list.get());
     }
     EXPECT_TRUE(Logged("the community has 255 bytes"));
 }
 
-TEST_F(SnmpValues, AWaiterSleepsLongerEachTime) {
+TEST_F(SnmpValues, AWaiterSleepsUntilTheLockIsReleased) {
     TkVector list{};
     test::VirtualClock clock;
-    std::vector<std::uint32_t> sleeps;
-    clock.onSleep = [&](std::uint32_t milliseconds) {
-        sleeps.push_back(milliseconds);
-        if (sleeps.size() == 10) UnsynchronizeResource(&list);  // a lock has no owner
+    int sleeps = 0;
+    clock.onSleep = [&](std::uint32_t) {
+        if (++sleeps == 10) UnsynchronizeResource(&list);  // a lock has no owner
     };
     SynchronizeResource(&list);
     EXPECT_EQ(ElementAt(&list, 0), nullptr);
-    ASSERT_EQ(sleeps.size(), 10u);
-    for (std::size_t i = 1; i < sleeps.size(); ++i) EXPECT_EQ(sleeps[i], sleeps[i - 1] == 90 ? 10 : sleeps[i - 1] + 10);
+    EXPECT_EQ(sleeps, 10);
     EXPECT_FALSE(Logged("Alert!"));
     UnsynchronizeResource(&list);
     EXPECT_TRUE(Logged("Alert! something went wrong...\n"));
