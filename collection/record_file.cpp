@@ -90,13 +90,13 @@ void RaiseToFilesOnDisk(std::u16string_view directory, std::u16string_view exten
     store(highest);
 }
 
-bool StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
+platform::Error StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
     // Before VerifyLastFileNum, the last step of enrolling, has begun, the number is 0 and not worth storing.
-    if (number == 0) return true;
+    if (number == 0) return platform::error::success;
     const platform::Error failure = store(number);
-    if (failure == platform::error::success) return true;
-    Log1("\t StoreLastFileNum :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
-    return false;
+    if (failure != platform::error::success)
+        Log1("\t StoreLastFileNum :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
+    return failure;
 }
 
 /// A record that was lost and has not been written since.
@@ -246,14 +246,15 @@ void VerifyLastFileNum() {
     RaiseToFilesOnDisk(u"zipdata", u".zip", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
 }
 
-bool StoreLastFileNum() {
+platform::Error StoreLastFileNum() {
     Log3("\t Inside StoreLastFileNum() \n");
     // A stop stores them beside the upload thread: nobody may store an older number over a newer one.
     const ResourceLock lock(&agentState.gv_ocLastCreatedZIPNum);
-    const bool isFirstStored =
+    const platform::Error ofRecords =
         StoreNumber("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
-    return StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum) &&
-           isFirstStored;
+    const platform::Error ofZips =
+        StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
+    return ofRecords != platform::error::success ? ofRecords : ofZips;
 }
 
 std::uint32_t parseFiles(std::u16string_view pattern) {

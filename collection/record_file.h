@@ -56,9 +56,9 @@ bool TellRecordOutcome(const char* caller, const RecordIdentity& record, std::u1
 void VerifyLastFileNum();
 
 /// Stores the last used file numbers, so that no later run gives one of these names to other content. A number that
-/// cannot be stored leaves a line at level 1, and false is returned. Before VerifyLastFileNum the numbers are 0, and
-/// nothing is stored.
-bool StoreLastFileNum();
+/// cannot be stored leaves a line at level 1, and its error is the result; the other one is stored all the same. Before
+/// VerifyLastFileNum the numbers are 0, and nothing is stored.
+platform::Error StoreLastFileNum();
 
 /// The highest number among the files that match a pattern, 0 when none matches. The number is the third part of a name
 /// split at "_" and "."; one that is too big to be followed by another is skipped, with a log line.

@@ -23,6 +23,7 @@
 #include "http/http_transaction.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/messages.h"
 #include "zip/zip_writer.h"
 
 namespace kv {
@@ -187,6 +188,8 @@ PackOutcome PackFile(ZipInProgress& zip, const std::u16string& path) {
          ZipMessage(result));
     if (MayBeWellLater(result)) {
         Log1("\t StripTxtFiles :: [%s] cannot be read. It stays until the next pass\n", path);
+        NoteFailureOf(
+            [&] { return LogText("the record %s cannot be packed, and stays: %s", path, ZipMessage(result)); });
         return PackOutcome::fileDone;
     }
     if (result != zip_result::badArguments) return PackOutcome::zipGivenUp;
@@ -243,8 +246,12 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
     const std::u16string path = NextZipPath(nameBase);
     // Before there is a zip of this number, or one of these records is deleted: so no later run can give their names to
     // other content. While they cannot be stored, nothing goes out.
-    if (!StoreLastFileNum()) {
+    if (const platform::Error failure = StoreLastFileNum()) {
         Log1("\t StripTxtFiles :: The record files stay until their numbers can be stored\n");
+        NoteFailureOf([&] {
+            return LogText("no record is packed, because the last used numbers cannot be stored in the registry: %s",
+                           platform::MessageInLine(failure));
+        });
         return {};
     }
     ZipInProgress zip(path + u".tmp");

@@ -284,6 +284,7 @@ TEST_F(UploadPipeline, NothingGoesOutUnderANumberThatCannotBeStored) {
     EXPECT_EQ(FilesIn(data).size(), 2U);
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
     EXPECT_TRUE(Logged("stay until their numbers can be stored"));
+    EXPECT_THAT(ReadLastEvents().failure, testing::StartsWith("no record is packed, because the last used numbers"));
     Pack();
     EXPECT_THAT(FilesIn(data), IsEmpty());
     EXPECT_EQ(KeptRecords(), RecordNames(1, 2));
@@ -331,6 +332,7 @@ TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(4, 5));
     EXPECT_TRUE(Logged("[data\\Agent_K7_3.txt] cannot be read. It stays"));
     EXPECT_FALSE(Logged("is lost"));
+    EXPECT_THAT(ReadLastEvents().failure, testing::StartsWith("the record data\\Agent_K7_3.txt cannot be packed, and"));
     GetMALastCreatedJSONNum(stored);
     EXPECT_EQ(stored, 5U);
 }

@@ -89,10 +89,11 @@ class StatusVerb : public ToolTest {
         return child;
     }
 
-    void AddZip(std::chrono::minutes age) const {
-        Write(monitoring / "bin/zipdata/a.zip", "1234");
-        fs::last_write_time(monitoring / "bin/zipdata/a.zip", fs::file_time_type::clock::now() - age);
+    void AddWaiting(const char* name, std::chrono::minutes age) const {
+        Write(monitoring / "bin" / name, "1234");
+        fs::last_write_time(monitoring / "bin" / name, fs::file_time_type::clock::now() - age);
     }
+    void AddZip(std::chrono::minutes age) const { AddWaiting("zipdata/a.zip", age); }
 
     const fs::path monitoring = folder / "monitoring";
     HealthSnapshot health;
@@ -137,6 +138,9 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"a zip for 40 minutes", [&] { AddZip(40min); }, 1, "KVAGENT WARNING - the oldest of 1 zip has waited for 40"},
         {"which is fine", [&] { AddZip(40min); }, 0, "KVAGENT OK", {"--warning-age", "60"}},
         {"a zip for 7 hours", [&] { AddZip(420min); }, 2, "KVAGENT CRITICAL - the oldest of 1 zip has waited for 7 h"},
+        {"a record for 36 minutes", [&] { AddWaiting("data/a.txt", 36min); }, 1,
+         "1 record has waited for 36 minutes to"},
+        {"and for 34", [&] { AddWaiting("data/a.txt", 34min); }, 0, "KVAGENT OK"},
         {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
         {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
         {"frozen", [&] { health.writeTime -= 960, WriteHealth(); }, 1, "the agent has told nothing of itself since "},

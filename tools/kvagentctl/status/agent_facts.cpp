@@ -283,6 +283,8 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
 }
 
 void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
+    std::uint32_t period = 0;
+    if (LookUpNumber(monitoringKeyPath, u"writeInterval", period) == error::success) facts.packingPeriod = period;
     facts.records = MeasureWaitingRecords(binPath);
     facts.zips = MeasureWaitingZips(binPath);
     std::uint64_t available = 0;

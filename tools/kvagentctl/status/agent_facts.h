@@ -50,6 +50,7 @@ struct AgentFacts {
 
     PlanFacts plan;
     WaitingFiles records;
+    std::int64_t packingPeriod = 300;  // seconds; a record waits for so long without being overdue
     WaitingFiles zips;
     std::optional<std::uint64_t> freeBytes;  // where the queue lies
     platform::Error diskError = platform::error::success;

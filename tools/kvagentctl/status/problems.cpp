@@ -159,6 +159,10 @@ void Judge::JudgeQueue() {
                         TimeText(facts_.zips.oldestTime)));
     AddIf(age >= thresholds_.criticalAge, PluginStatus::critical, old);
     AddIf(age >= thresholds_.warningAge && age < thresholds_.criticalAge, PluginStatus::warning, old);
+    const std::int64_t recordAge = facts_.records.oldestTime == 0 ? 0 : facts_.now - facts_.records.oldestTime;
+    AddIf(recordAge >= thresholds_.warningAge + facts_.packingPeriod, PluginStatus::warning,
+          fmt::format("the oldest of {} has waited for {} to be packed: the agent's log says why",
+                      Counted(facts_.records.number, "record"), DurationText(recordAge)));
     if (!facts_.freeBytes) return;
     const std::uint64_t free = *facts_.freeBytes;
     const std::string room = fmt::format("the disk has room for {} only", SizeText(free));

@@ -11,8 +11,8 @@ namespace kv::control {
 
 /// Bounds from which a state is worth a warning, or critical.
 struct Thresholds {
-    std::int64_t warningAge = 0;  // of the oldest zip, seconds
-    std::int64_t criticalAge = 0;
+    std::int64_t warningAge = 0;    // of the oldest zip or record, seconds
+    std::int64_t criticalAge = 0;   // of the oldest zip
     std::uint64_t warningFree = 0;  // room on the disk, bytes
     std::uint64_t criticalFree = 0;
 };

@@ -33,7 +33,7 @@ constexpr commandline::Option options[] = {
     {"--plugin", "",
      "for monitoring: one line with performance data, and exit code 0 (fine), 1 (warning), 2 "
      "(critical) or 3 (unknown, and a value that is refused); an option that status does not know ends with 2"},
-    {"--warning-age", "MINUTES", "with --plugin: a zip that waits for so long is a warning; 30 by default"},
+    {"--warning-age", "MINUTES", "with --plugin: a zip or record that waits for so long is a warning; 30 by default"},
     {"--critical-age", "MINUTES", "with --plugin: and for so long is critical; 360 by default"},
     {"--warning-free", "MB", "with --plugin: less room on the disk is a warning; 200 by default"},
     {"--critical-free", "MB", "with --plugin: and less than this is critical; 20 by default"},
