@@ -17,6 +17,12 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using Words = std::vector<std::string>;
 
+/// A verb and what follows it.
+inline Words Line(const std::string& verb, Words words) {
+    words.insert(words.begin(), verb);
+    return words;
+}
+
 struct Outcome {
     int exitCode = -1;
     std::string output;
@@ -44,6 +50,15 @@ class ToolTest : public ::testing::Test {
     }
 
     Outcome Run(const Words& words) const { return RunTool(files, words); }
+
+    /// Runs the tool, which has to print both texts among others.
+    void Expect(const Words& words, int exitCode, const std::string& output, const std::string& errors = "") const {
+        SCOPED_TRACE(::testing::PrintToString(words));
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output, HasSubstr(output));
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+    }
 
     static Outcome RunTool(const ToolFiles& files, const Words& words) {
         Outcome outcome;

@@ -1,28 +1,20 @@
 // kvagentctl collect on an installed agent that does not run.
 #include <cstdlib>
 
-#include "foundation/registry_store.h"
-#include "platform/backend.h"
-#include "platform/utf.h"
 #include "tests/support/snmp_devices.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-class CollectVerb : public ToolTest {
+class CollectVerb : public AgentToolTest {
   protected:
-    CollectVerb() : ToolTest(KVAGENTCTL_PROGRAM) {
-        platform::InstallRegistry();
+    CollectVerb() {
         fs::create_directories(conf / "scripts");
         fs::create_directories(folder / "monitoring" / "bin");
-        const std::u16string install = platform::WideFromUtf8(Utf8(folder)) + u"/";
-        const auto store = [](std::u16string_view name, std::u16string_view text) {
-            writeValue(platform::RootKey::localMachine, agentKeyPath, name, text, platform::RegistryType::text);
-        };
-        store(u"KVAgentInstallDir", install);
-        store(u"CustomerName", u"Some customer");
+        SetInstallDirectory();
+        Registry({"set", agentKey, "CustomerName", "Some customer"});
     }
 
     void WriteScript(const std::string& name, const std::string& text) const {
@@ -83,104 +75,63 @@ TEST_F(CollectVerb, LeavesNoFolderBehindWhenInterrupted) {
     for (const std::string& file : FilesIn(folder / "state")) EXPECT_EQ(file.find("kvagent-"), std::string::npos);
 }
 
-TEST_F(CollectVerb, SaysWhatIsWrong) {
-    WriteScript("fails.sh", "exit 3");
-    WriteScript("silent.sh", "");
-    WriteScript("two.sh", R"(echo '{"A": 1} {"B": 2}')");
-    WriteScript("list.sh", "echo '[1]'");
-    WriteScript("tells.sh", "echo 'it \\033[1m fails' >&2; echo '{}'");
-    WriteScript("floods.sh", "yes | head -c 3000000 >&2");
-    Write(Utf8(conf / "scripts" / "crlf.sh"), "#!/bin/sh\r\necho x >&2");
-    WriteScript("latin.sh", "printf '{\"A\": \"\\n\\344\"}'");
-    WriteScript("python.sh", R"(echo "[{'a': None}]")");
+TEST_F(CollectVerb, SaysWhatIsWrongWithAScript) {
+    const std::tuple<const char*, std::string, const char*> rows[] = {
+        {"two objects", R"(echo '{"A": 1} {"B": 2}')",
+         "{\"A\": 1} {\"B\": 2}\n   remark: it is not JSON, and goes out as it is: parse error at line 1, column 10"},
+        {"silent", "", " ms, 0 bytes\n   log: Error Code : 0\n   log: the script printed nothing: the server gets an "},
+        {"standard error", "echo 'it \\033[1m fails' >&2; echo '{}'", "\n   stderr: it \\x1b[1m fails\n"},
+        {"much of it", "yes | head -c 3000000 >&2", "y\n   stderr: (much is left out)\n"},
+        {"Latin-1", "printf '{\"A\": \"\\n\\344\"}'",
+         "remark: bytes that are not UTF-8 were replaced: U+FFFD stands for them, first in line 2; print UTF-8; it is"},
+        {"Python", R"(echo "[{'a': None}]")", "; single quotes: in Python print json.dumps(...)\n"},
+    };
+    WritePlan(R"({"script": "s.sh", "Name": "N", "response_needed": "true"})");
+    for (const auto& [title, script, told] : rows) {
+        SCOPED_TRACE(title);
+        WriteScript("s.sh", script);
+        Expect({"collect"}, 0, told);
+    }
+    WriteScript("s.sh", "echo '[1]'");
+    Expect({"collect", "--json"}, 0, "\"remark\": \"it is not an object, which a server expects\"");
+    WriteScript("s.sh", "exit 3");
+    Expect({"collect"}, 1, "the record N failed: ");
+    Write(conf / "scripts" / "s.sh", "#!/bin/sh\r\necho x >&2");
+    Expect({"collect"}, 1, "s.sh has CRLF line ends, so it cannot run");
+}
+
+TEST_F(CollectVerb, SaysWhatIsWrongWithARecord) {
     const SnmpDaemon device("sysName box");
-    const std::string plan = Utf8(folder / "plan.txt");
-    const std::tuple<const char*, std::string, Words, int, const char*, const char*> rows[] = {
-        {"query",
-         R"({"wmiQuery": "SELECT Nam FROM Win32_Process", "Name": "P"})",
-         {},
-         1,
+    const std::string snmp =
+        R"({"PROTOCOL": "SPOLL", "DEVICE_NAME": "127.0.0.1", "COMMUNITY": "public", "OID": ".1.3.6.1.2.1.1.5", )"
+        R"("SNMP_PORT": )" +
+        std::to_string(device.port()) + "}";
+    const struct {
+        const char* title;
+        std::string records;
+        int exitCode;
+        const char* output;
+        const char* errors = "";
+        Words words = {};
+    } rows[] = {
+        {"query", R"({"wmiQuery": "SELECT Nam FROM Win32_Process", "Name": "P"})", 1,
          "log: The query is refused: Win32_Process lacks the property Nam; did you mean Name?",
          "1 of 1 records failed"},
-        {"script",
-         R"({"script": "none.sh", "Name": "N", "response_needed": "true"})",
-         {},
-         1,
-         "/none.sh does not exist",
-         ""},
-        {"two objects",
-         R"({"script": "two.sh", "Name": "N", "response_needed": "true"})",
-         {},
-         0,
-         "{\"A\": 1} {\"B\": 2}\n   remark: it is not JSON, and goes out as it is: parse error at line 1, column 10",
-         ""},
-        {"a list",
-         R"({"script": "list.sh", "Name": "N", "response_needed": "true"})",
-         {"--json"},
-         0,
-         "\"remark\": \"it is not an object, which a server expects\"",
-         ""},
-        {"absent, without a record", R"({"script": "none.sh", "Name": "N"})", {}, 1, ", no record, FAILED\n", "1 of 1"},
-        {"silent",
-         R"({"script": "silent.sh", "Name": "S", "response_needed": "true"})",
-         {},
-         0,
-         " ms, 0 bytes\n   log: Error Code : 0\n   log: the script printed nothing: the server gets an empty",
-         ""},
-        {"exit code", R"({"script": "fails.sh", "Name": "F"})", {}, 0, "the record F failed: ", ""},
-        {"standard error",
-         R"({"script": "tells.sh", "Name": "T", "response_needed": "true"})",
-         {},
-         0,
-         "\n   stderr: it \\x1b[1m fails\n",
-         ""},
-        {"much of it", R"({"script": "floods.sh", "Name": "F"})", {}, 0, "y\n   stderr: (much is left out)\n", ""},
-        {"line ends",
-         R"({"script": "crlf.sh", "Name": "C"})",
-         {},
-         0,
-         "crlf.sh has CRLF line ends, so it cannot run",
-         ""},
-        {"Latin-1",
-         R"({"script": "latin.sh", "Name": "L", "response_needed": "true"})",
-         {},
-         0,
-         "remark: bytes that are not UTF-8 were replaced: U+FFFD stands for them, first in line 2; print UTF-8; it is",
-         ""},
-        {"Python",
-         R"({"script": "python.sh", "Name": "P", "response_needed": "true"})",
-         {},
-         0,
-         "; single quotes: in Python print json.dumps(...)\n",
-         ""},
-        {"kind",
-         R"({"wmiquery": "x", "Name": "K"})",
-         {"--record", "k"},
-         1,
-         " ms, no record, FAILED\n   log: nobody reads wmiquery; did you mean wmiQuery?",
-         ""},
-        {"an OID without its .0",
-         R"({"PROTOCOL": "SPOLL", "DEVICE_NAME": "127.0.0.1", "COMMUNITY": "public", "OID": ".1.3.6.1.2.1.1.5",
-             "SNMP_PORT": ")" +
-             std::to_string(device.port()) + "\"}",
-         {},
-         1,
-         "error status 2 at value 1: noSuchName, it lacks that OID, and in SNMPv1 gives no other then; a value that",
-         ""},
-        {"name", good, {"--record", "Nix"}, 3, "", "no record of the plan is called Nix; there are: System"},
-        {"no records", "", {}, 3, "", "the plan has no records"},
-        {"no such plan", good, {plan}, 3, "", "does not exist"},
-        {"malformed", "{", {}, 1, "", "queryconf.txt"},
+        {"absent", R"({"script": "none.sh", "Name": "N", "response_needed": "true"})", 1, "/none.sh does not exist"},
+        {"without a record", R"({"script": "none.sh", "Name": "N"})", 1, ", no record, FAILED\n", "1 of 1"},
+        {"kind", R"({"wmiquery": "x", "Name": "K"})", 1,
+         " ms, no record, FAILED\n   log: nobody reads wmiquery; did you mean wmiQuery?"},
+        {"an OID without its .0", snmp, 1,
+         "error status 2 at value 1: noSuchName, it lacks that OID, and in SNMPv1 gives no other then; a value that"},
+        {"name", good, 3, "", "no record of the plan is called Nix; there are: System", {"--record", "Nix"}},
+        {"no records", "", 3, "", "the plan has no records"},
+        {"no such plan", good, 3, "", "does not exist", {Utf8(folder / "plan.txt")}},
+        {"malformed", "{", 1, "", "queryconf.txt"},
     };
-    for (const auto& [title, records, words, exitCode, output, errors] : rows) {
+    for (const auto& [title, records, exitCode, output, errors, words] : rows) {
         SCOPED_TRACE(title);
         WritePlan(records);
-        Words line = words;
-        line.insert(line.begin(), "collect");
-        const Outcome outcome = Run(line);
-        EXPECT_EQ(outcome.exitCode, exitCode);
-        EXPECT_THAT(outcome.output, HasSubstr(output));
-        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+        Expect(Line("collect", words), exitCode, output, errors);
     }
     fs::rename(conf / "queryconf.txt", conf / "QueryConf.json");
     EXPECT_THAT(Run({"collect"}).errors, HasSubstr("/queryconf.txt does not exist; QueryConf.json stands there, and"));

@@ -3,28 +3,15 @@
 
 #include "tests/http/http_peers.h"
 #include "tests/http/linux/tls_peers.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-class PinVerb : public ToolTest {
+class PinVerb : public AgentToolTest {
   protected:
-    PinVerb() : ToolTest(KVAGENTCTL_PROGRAM) { std::signal(SIGPIPE, SIG_IGN); }
-
-    std::string Stored() const { return Registry({"get", agentKey + "\\ServerInfo", "KVServerPinnedKey"}); }
-    /// The first line of what kvreg prints.
-    std::string Registry(const Words& words) const {
-        std::FILE* const tool = StartTool({KVREG_PROGRAM, files.input, files.errors}, words);
-        std::string text;
-        for (int byte = std::fgetc(tool); byte != EOF && byte != '\n'; byte = std::fgetc(tool))
-            text += static_cast<char>(byte);
-        EndTool(tool);
-        return text;
-    }
-
-    const std::string agentKey = "Software\\Halvorine\\Kestrova\\KVAgent";
+    PinVerb() { std::signal(SIGPIPE, SIG_IGN); }
 };
 
 TEST_F(PinVerb, WarnsOfAnotherKeyAtAnotherAddress) {
@@ -52,10 +39,9 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
     const Identity second = Issue(NewKey(), {"next", "IP:127.0.0.1", -3, -2});
     TlsServer server(first);
     TlsServer next(second);
-    const auto at = [](const TlsServer& peer) { return "127.0.0.1:" + std::to_string(peer.port); };
-    ASSERT_EQ(Run({"setup", "--server", at(server)}).exitCode, 0);
-    const std::string one = KeyPin(first);
-    const std::string two = KeyPin(second);
+    const std::string nextAt = "127.0.0.1:" + std::to_string(next.port);
+    ASSERT_EQ(Run({"setup", "--server", "127.0.0.1:" + std::to_string(server.port)}).exitCode, 0);
+    const std::string one = KeyPin(first), two = KeyPin(second), both = one + ";" + two;
     const struct {
         const char* title;
         Words words;
@@ -70,17 +56,9 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
         {"no port number", {"pin", "--address", "cs:99999"}, 2, "a port number from 1 to 65535", ""},
         {"yes", {"pin", "--yes"}, 0, "at its next start: systemctl restart", one},
         {"again", {"pin", "--yes"}, 0, "is stored already; nothing was changed", one},
-        {"one more",
-         {"pin", "--json", "--add", "--yes", "--address", at(next)},
-         0,
-         "\"stored\": true",
-         one + ";" + two},
-        {"alone", {"pin", "--yes", "--address", at(next)}, 0, "Before: " + one + ";" + two + " (--add would", two},
-        {"but set is",
-         {"pin", "--address", at(next)},
-         0,
-         at(server) + " shows another key (" + one + "), and the",
-         two},
+        {"one more", {"pin", "--json", "--add", "--yes", "--address", nextAt}, 0, "\"stored\": true", both},
+        {"alone", {"pin", "--yes", "--address", nextAt}, 0, "Before: " + both + " (--add would", two},
+        {"but set is", {"pin", "--address", nextAt}, 0, " shows another key (" + one + "), and the", two},
         {"dry again", {"pin", "--dry-run"}, 0, "Stored is " + two + "; this key would take its place", two},
         {"another", {"pin", "--yes"}, 0, "is the stored key = no: its key is not the pinned one", one},
     };
@@ -89,15 +67,13 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
         const Outcome outcome = Run(row.words);
         EXPECT_EQ(outcome.exitCode, row.exitCode) << outcome.errors;
         EXPECT_THAT(outcome.output + outcome.errors, HasSubstr(row.told));
-        EXPECT_EQ(Stored(), row.stored);
+        EXPECT_EQ(Get(serverKey, "KVServerPinnedKey"), row.stored + (row.stored.empty() ? "" : "\n"));
     }
     EXPECT_EQ(server.decrypted + next.decrypted, 0u) << "no request goes out";
-    Registry({"set", "--force", agentKey + "\\ServerInfo", "KVServerPinnedKey", "abc"});
+    Registry({"set", "--force", serverKey, "KVServerPinnedKey", "abc"});
     EXPECT_THAT(Run({"pin", "--dry-run"}).output, HasSubstr("= no: stored is 'abc', which is not a key\n"));
     ASSERT_EQ(Run({"setup", "--protocol", "http"}).exitCode, 0);
-    const Outcome outcome = Run({"pin", "--yes"});
-    EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_THAT(outcome.errors, HasSubstr("KVServerProtocol is not https, so the server shows no certificate"));
+    Expect({"pin", "--yes"}, 1, "", "KVServerProtocol is not https, so the server shows no certificate");
     Write(Utf8(folder / "state" / "registry.db"), std::string(4096, 'x'));
     EXPECT_THAT(Run({"pin", "--yes"}).errors, HasSubstr("the registry cannot be read: "));
     EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("error: server: is not tried, because there are no se"));

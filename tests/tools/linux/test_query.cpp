@@ -23,60 +23,32 @@ const std::string self =
 
 TEST_F(QueryVerb, PrintsRowsInTheOrderOfSelect) {
     const std::string parent = std::to_string(getppid());
-    const std::tuple<const char*, Words, int, std::string, const char*> rows[] = {
-        {"table", {self}, 0, "ParentProcessId  Name", ""},
-        {"csv", {self, "--csv"}, 0, "ParentProcessId,Name,Priority\r\n" + parent + ",test_kvagentctl,", ""},
-        {"line", {self, "--line"}, 0, "ParentProcessId = " + parent + "\n           Name = test_kv", ""},
-        {"typed", {self, "--json"}, 0, "\"ParentProcessId\": " + parent + ",\n    \"Name\": \"test_kv", ""},
-        {"as a record", {self, "--json", "--record"}, 0, "\"ParentProcessId\": \"" + parent + "\"", ""},
-        {"a * without quotes",
-         {"SELECT", Utf8(files.input), "FROM", "Win32_Process"},
-         2,
-         "",
-         "stands in single quotes"},
-        {"in several words", {"select", "name", "from", "win32_timezone", "--json"}, 1, "", "lacks the property name"},
-        {"64 bits",
-         {"--json", "SELECT TotalPhysicalMemory FROM Win32_ComputerSystem"},
-         0,
-         "\"TotalPhysicalMemory\": ",
-         ""},
-        {"true", {"--json", "SELECT Primary FROM Win32_OperatingSystem"}, 0, "\"Primary\": true", ""},
-        {"null", {"--csv", "SELECT Organization, Primary FROM Win32_OperatingSystem"}, 0, "\r\n,true\r\n", ""},
-        {"no rows", {"--json", "SELECT Name FROM Win32_Process WHERE ProcessId = 4294967295"}, 0, "]\n", ""},
-        {"class",
-         {"SELECT Name FROM Win32_Proces"},
-         3,
-         "",
-         "Invalid class (80041010): the class Win32_Proces does not exist; did you mean Win32_Process?"},
-        {"property",
-         {"SELECT Nam FROM Win32_Process"},
-         1,
-         "",
-         "Invalid query (80041017): Win32_Process lacks the property Nam; did you mean Name?"},
-        {"place", {"SELECT Name FRM Win32_Process"}, 1, "", "at character 13, \"FRM\""},
-        {"semicolon", {"SELECT Name FROM Win32_Process;"}, 1, "", "; leave out the ; at the end"},
-        {"elsewhere", {self, "--namespace", "//SRV/ROOT/CIMV2"}, 1, "", "only this computer is asked"},
-        {"namespace", {self, "--namespace", "ROOT\\X"}, 1, "", "Invalid namespace (8004100e): ROOT\\X"},
-        {"hidden", {"SELECT Name, __PATH FROM Win32_Processor"}, 0, "Name", "__PATH: system properties"},
-        {"two forms", {self, "--json", "--csv"}, 2, "", "only one of"},
-        {"classes", {"--classes", "logicaldisk"}, 0, "Win32_LogicalDisk", ""},
-        {"no class", {"--classes", "nix"}, 3, "", "no class has 'nix' in its name"},
-        {"describe", {"--describe", "win32_process"}, 0, "Handle  ", ""},
-        {"describe none",
-         {"--describe", "Process"},
-         3,
-         "",
-         "the class Process does not exist; did you mean Win32_Process?"},
+    const std::tuple<Words, int, std::string, const char*> rows[] = {
+        {{self}, 0, "ParentProcessId  Name", ""},
+        {{self, "--csv"}, 0, "ParentProcessId,Name,Priority\r\n" + parent + ",test_kvagentctl,", ""},
+        {{self, "--line"}, 0, "ParentProcessId = " + parent + "\n           Name = test_kv", ""},
+        {{self, "--json"}, 0, "\"ParentProcessId\": " + parent + ",\n    \"Name\": \"test_kv", ""},
+        {{self, "--json", "--record"}, 0, "\"ParentProcessId\": \"" + parent + "\"", ""},
+        {{self, "--json", "--csv"}, 2, "", "only one of"},
+        {{self, "--namespace", "//SRV/ROOT/CIMV2"}, 1, "", "only this computer is asked"},
+        {{self, "--namespace", "ROOT\\X"}, 1, "", "Invalid namespace (8004100e): ROOT\\X"},
+        {{"SELECT", Utf8(files.input), "FROM", "Win32_Process"}, 2, "", "stands in single quotes"},
+        {{"select", "name", "from", "win32_timezone", "--json"}, 1, "", "lacks the property name"},
+        {{"--json", "SELECT TotalPhysicalMemory FROM Win32_ComputerSystem"}, 0, "\"TotalPhysicalMemory\": ", ""},
+        {{"--json", "SELECT Primary FROM Win32_OperatingSystem"}, 0, "\"Primary\": true", ""},
+        {{"--csv", "SELECT Organization, Primary FROM Win32_OperatingSystem"}, 0, "\r\n,true\r\n", ""},
+        {{"--json", "SELECT Name FROM Win32_Process WHERE ProcessId = 4294967295"}, 0, "]\n", ""},
+        {{"SELECT Name FROM Win32_Proces"}, 3, "", "Invalid class (80041010): the class Win32_Proces does not"},
+        {{"SELECT Nam FROM Win32_Process"}, 1, "", "Invalid query (80041017): Win32_Process lacks the property Nam; "},
+        {{"SELECT Name FRM Win32_Process"}, 1, "", "at character 13, \"FRM\""},
+        {{"SELECT Name FROM Win32_Process;"}, 1, "", "; leave out the ; at the end"},
+        {{"SELECT Name, __PATH FROM Win32_Processor"}, 0, "Name", "__PATH: system properties"},
+        {{"--classes", "logicaldisk"}, 0, "Win32_LogicalDisk", ""},
+        {{"--classes", "nix"}, 3, "", "no class has 'nix' in its name"},
+        {{"--describe", "win32_process"}, 0, "Handle  ", ""},
+        {{"--describe", "Process"}, 3, "", "the class Process does not exist; did you mean Win32_Process?"},
     };
-    for (const auto& [title, words, exitCode, output, errors] : rows) {
-        SCOPED_TRACE(title);
-        Words line = words;
-        line.insert(line.begin(), "query");
-        const Outcome outcome = Run(line);
-        EXPECT_EQ(outcome.exitCode, exitCode) << outcome.errors;
-        EXPECT_THAT(outcome.output, HasSubstr(output));
-        EXPECT_THAT(outcome.errors, HasSubstr(errors));
-    }
+    for (const auto& [words, exitCode, output, errors] : rows) Expect(Line("query", words), exitCode, output, errors);
 }
 
 TEST_F(QueryVerb, ReadsQueriesFromStandardInput) {

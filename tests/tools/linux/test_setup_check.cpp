@@ -25,6 +25,17 @@ class CheckVerb : public AgentToolTest {
         ASSERT_EQ(Run({"setup", "--server", "localhost"}).exitCode, 0);
     }
 
+    /// A plan of one record.
+    static std::string Record(const std::string& members) {
+        return R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{"Name":"N",)" + members + "}]}]}";
+    }
+    static std::string Script(const std::string& text) { return Record(R"("script":")" + text + "\""); }
+
+    void ExpectFinding(const std::string& text, const std::string& finding) const {
+        Write(plan, text);
+        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding)) << text;
+    }
+
     const fs::path conf = folder / "monitoring" / "conf";
     const fs::path logs = folder / "monitoring" / "logs";
     const std::string plan = (folder / "plan.json").string();
@@ -34,10 +45,8 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithSettings) {
     EXPECT_THAT(Run({"check"}).output, testing::ContainsRegex("^error: registry: .*/registry.db does not exist; kvagent"
                                                               "ctl setup --server SERVER makes it.*\n1 error, 0 warn"));
     Registry({"set", agentKey, "AgentLogLevel", "1", "--dword"});
-    const Outcome empty = Run({"check"});
-    EXPECT_EQ(empty.exitCode, 1);
-    EXPECT_THAT(empty.output, HasSubstr("error: setting ServerInfo\\KVServerName: is missing; kvagentctl setup"));
-    EXPECT_THAT(empty.output, testing::EndsWith("8 errors, 0 warnings\n"));
+    Expect({"check"}, 1, "error: setting ServerInfo\\KVServerName: is missing; kvagentctl setup");
+    EXPECT_THAT(Run({"check"}).output, testing::EndsWith("8 errors, 0 warnings\n"));
     InstallAgent();
     EXPECT_THAT(Run({"check"}).output, testing::EndsWith("so nothing is collected; put one there, or wait for the "
                                                          "server to send one\n0 errors, 1 warning\n"));
@@ -99,9 +108,7 @@ TEST_F(CheckVerb, TriesEachAddressOfTheServer) {
     EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("it has the pinned key, it answers GET /"));
     const std::size_t sentBefore = server.decrypted;
     Registry({"set", serverKey, "KVServerPinnedKey", KeyPin(Issue(NewKey(), {}))});
-    const Outcome refused = Run({"check", "--online"});
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_THAT(refused.output, HasSubstr("its key is not the pinned one"));
+    Expect({"check", "--online"}, 1, "its key is not the pinned one");
     EXPECT_EQ(server.decrypted, sentBefore) << "nothing was sent";
     EXPECT_THAT(Run({"setup", "--protocol", "http"}).errors, HasSubstr("KVServerPinnedKey asks for a certificate"));
     Registry({"set", serverKey, "KVServerPinnedKey", "abc", "--force"});
@@ -128,167 +135,137 @@ TEST_F(CheckVerb, JudgesHowAServerAnswers) {
     for (const auto& [title, status, exitCode, told] : rows) {
         SCOPED_TRACE(title);
         const TlsServer server(identity, "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\n\r\n");
-        const std::string port = std::to_string(server.port);
-        Run({"setup", "--server", "https://127.0.0.1:" + port, "--ip", "127.0.0.9"});
-        const Outcome outcome = Run({"check", "--online"});
-        EXPECT_EQ(outcome.exitCode, exitCode);
-        EXPECT_THAT(outcome.output, HasSubstr(told));
+        Run({"setup", "--server", "https://127.0.0.1:" + std::to_string(server.port), "--ip", "127.0.0.9"});
+        Expect({"check", "--online"}, exitCode, told);
     }
     const TlsServer server(identity);
     Run({"setup", "--server", "https://127.0.0.1:" + std::to_string(server.port), "--ip", "127.0.0.9"});
     Write(folder / "ca.pem", PemText(identity));
     Registry({"set", serverKey, "KVServerCAFile", (folder / "ca.pem").string()});
-    EXPECT_THAT(Run({"check", "--online"}).output,
-                HasSubstr("it is for cs.example.com, 192.0.2.1, not for 127.0.0.1. Expected"));
+    Expect({"check", "--online"}, 1, "it is for cs.example.com, 192.0.2.1, not for 127.0.0.1. Expected");
     Registry({"set", agentKey, "ProxyEnabled", "yes"});
-    const RawServer proxy([](Socket connection, const std::string&) {
-        SendText(connection, "HTTP/1.1 407 No\r\nContent-Length: 0\r\n\r\n");
+    std::atomic<int> status = 407;
+    const RawServer proxy([&status](Socket connection, const std::string&) {
+        SendText(connection, "HTTP/1.1 " + std::to_string(status) + " No\r\nContent-Length: 0\r\n\r\n");
     });
-    Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:" + std::to_string(proxy.port)});
-    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("the proxy refused the user or the password (HTTP st"));
-    const RawServer lost([](Socket connection, const std::string&) {
-        SendText(connection, "HTTP/1.1 503 No\r\nContent-Length: 0\r\n\r\n");
-    });
-    const std::string name = "127.0.0.1:" + std::to_string(lost.port);
+    const std::string name = "127.0.0.1:" + std::to_string(proxy.port);
     Registry({"set", agentKey, "ProxyServerName", name});
-    EXPECT_THAT(Run({"check", "--online"}).output,
-                HasSubstr("the proxy " + name + " itself answers with HTTP status 503"));
+    Expect({"check", "--online"}, 1, "the proxy refused the user or the password (HTTP st");
+    status = 503;
+    Expect({"check", "--online"}, 1, "the proxy " + name + " itself answers with HTTP status 503");
     Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:1"});
-    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr(", by the proxy 127.0.0.1:1; does the proxy run, is Pr"));
-    Registry({"delete", serverKey, "KVServerCAFile"});
+    Expect({"check", "--online"}, 1, ", by the proxy 127.0.0.1:1; does the proxy run, is Pr");
     Registry({"set", agentKey, "ProxyServerName", name});
+    Registry({"delete", serverKey, "KVServerCAFile"});
     Run({"setup", "--protocol", "http"});
-    EXPECT_THAT(Run({"check", "--online"}).output,
-                HasSubstr("which is a failure of the proxy " + name + " or of the server behind it"));
+    Expect({"check", "--online"}, 1, "which is a failure of the proxy " + name + " or of the server behind it");
 }
 
-TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
+TEST_F(CheckVerb, FindsWhatIsWrongWithAScript) {
     InstallAgent();
-    Write(conf / "scripts" / "crlf.sh", "#!/bin/sh\r\n");
-    Write(conf / "scripts" / "plain-crlf.sh", "echo\r\n");
-    Write(conf / "scripts" / "plain.sh", "echo\n");
-    Write(conf / "scripts" / "lost.sh", "#!/no/such/shell -e\n");
-    Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
-    Write(conf / "scripts" / "split.sh", "#!/usr/bin/env -S A=1  no-shell -e\n");
-    Write(conf / "scripts" / "bytes.sh", std::string("\1\0\2", 3));
-    Write(conf / "scripts" / "mark.sh", "\xEF\xBB\xBF#!/bin/sh\n");
-    Write(conf / "scripts" / "late.sh", "\n# late\n#!/bin/bash\n");
-    Write(conf / "scripts" / "bare.py", "print()\n");
-    fs::create_symlink("/nowhere", conf / "scripts" / "link.sh");
-    ASSERT_EQ(mkfifo((conf / "scripts" / "fifo.sh").c_str(), 0700), 0);
-    for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "split.sh", "bytes.sh"})
-        fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
-    const auto record = [](const std::string& members) {
-        return R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{)" + members + "}]}]}";
+    const std::tuple<bool, std::string, const char*> scripts[] = {
+        {true, "#!/bin/sh\r\n", "s.sh has CRLF line ends"},
+        {false, "echo\r\n", "s.sh has CRLF line ends"},
+        {true, "#!/no/such/shell -e\n", "interpreter /no/such/shell, which does not exist"},
+        {true, "#!/usr/bin/env no-such-shell\n", "s.sh asks env for 'no-such-shell', which is not in PATH"},
+        {true, "#!/usr/bin/env -S A=1  no-shell -e\n", "s.sh asks env for 'no-shell', which is not in"},
+        {true, std::string("\1\0\2", 3), "is neither a program nor a script"},
+        {false, "\xEF\xBB\xBF#!/bin/sh\n", "s.sh begins with a byte order mark, so that /bin/sh"},
+        {false, "\n# late\n#!/bin/bash\n", "s.sh has #! in line 3: it has to be the first"},
+        {false, "echo\n", "is not executable, so /bin/sh runs it; chmod +x"},
     };
-    std::string longOid;
-    for (int number = 0; number < 128; ++number) longOid += ".1";
-    const std::string snmp = R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","COMMUNITY":"c","POLL_ID":"1","AGENT_KEY":"K",)";
-    const std::tuple<const char*, std::string, const char*> rows[] = {
-        {"cut", "// \"\n{\"WorkFlows\":[\n",
-         ", line 3, column 1: it is not a plan in JSON: unexpected end of data: the agent"},
-        {"cut, where", "{\"WorkFlows\":\r\n[\r\n", "is it whole? The [ of line 2 is not closed"},
-        {"blank", "\n ", "it has only blanks: the agent would refuse it; put a plan there"},
-        {"typographic", "{\n\n \u201CWorkFlows\u201D:[]}",
-         ", line 3, column 2: it is not a plan in JSON: quoted object"},
-        {"typographic, why", "{\u201CWorkFlows\u201D:[]}", "; \u201C is a typographic quotation mark: write \""},
-        {"high byte first", std::string("\0{\0}", 4), "it is UTF-16 with the high byte first, which is not read"},
-        {"Latin-1", "{\n\"\xE4\":[]}", ", line 2: the file is neither UTF-16LE nor UTF-8"},
-        {"no list", R"({"workflows":[]})", "what it holds; did you mean WorkFlows?"},
-        {"no list, for the agent", R"({"Workflows":[{"interval":1,"recordSetName":[]}]})",
-         "the agent would refuse it from the server; at a start it runs the other lists all the same: Workflows"},
-        {"parked", R"({"WorkFlows":[],"disabled":[{"interval":1,"recordSetName":[]}]})",
-         "error: member disabled: its workflows run all the same: the agent runs each list at the top, whatever"},
-        {"twice", "{\"WorkFlows\":[],\n\"WorkFlows\":[]}",
-         ", line 1: WorkFlows stands again in line 2, and only the l"},
-        {"no interval", R"({"WorkFlows":[{"intervall":1,"recordSetName":[]}]})", "intervall: did you mean interval?"},
-        {"interval 0", R"({"WorkFlows":[{"wfname":"W","interval":0}]})",
-         "[0] \"W\": has an interval below 1 (0): it is"},
-        {"interval 1.5", R"({"WorkFlows":[{"interval":1.5,"recordSetName":[]}]})",
-         "fraction or an exponent, and 1 is taken; give"},
-        {"seconds", R"({"WorkFlows":[{"interval":86400,"recordSetName":[]}]})", "which is 60 days; interval is in min"},
-        {"no object", R"({"WorkFlows":[{"interval":1,"recordSetName":[5]}]})", "record [0]: is not an object"},
-        {"kind", record(R"("wmiquery":"SELECT","Name":"N")"), "nobody reads wmiquery; did you mean wmiQuery?"},
-        {"property", record(R"("wmiQuery":"SELECT Nam FROM Win32_Process","Name":"N")"), "did you mean Name?"},
-        {"namespace", record(R"("wmiQuery":"SELECT * FROM Win32_Process","Name":"N","nameSpace":"ROOT\\X")"),
-         "ROOT\\X"},
-        {"no address", record(R"("wmiQuery":"SELECT * FROM Win32_PingStatus","Name":"N")"),
-         "needs an Address in WHERE"},
-        {"no file", record(R"("wmiQuery":"SELECT Name FROM CIM_DataFile WHERE Extension='x'","Name":"N")"),
-         "what Name is (a file), or else Path (a folder) [8004100c]"},
-        {"taken name", record(R"("wmiQuery":"SELECT * FROM Win32_BIOS","Name":"ERRORMSG")"), "is another member"},
-        {"absent script", record(R"("script":"no.sh","Name":"N")"), "conf/scripts/no.sh does not exist"},
-        {"link", record(R"("script":"link.sh","Name":"N")"), "link.sh is a link to what does not exist"},
-        {"NUL", std::string("{}\0", 3), "the file has a NUL character at offset 2: the agent would refuse it"},
-        {"outside", record(R"("script":"../x","Name":"N")"), "does not name a file below conf/scripts"},
-        {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
-        {"line ends for sh", record(R"("script":"plain-crlf.sh","Name":"N")"), "plain-crlf.sh has CRLF line ends"},
-        {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},
-        {"env", record(R"("script":"env.sh","Name":"N")"), "asks env for 'no-such-shell', which is not in PATH"},
-        {"env -S", record(R"("script":"split.sh","Name":"N")"), "split.sh asks env for 'no-shell', which is not in"},
-        {"escape", "{\n" + record(R"("script":"r\\u0041\u00e4.sh","Name":"\\\\u00e4")").substr(1),
-         ", line 2: \\u00e4: the agent reads"},
-        {"bytes", record(R"("script":"bytes.sh","Name":"N")"), "is neither a program nor a script"},
-        {"fifo", record(R"("script":"fifo.sh","Name":"N")"), "fifo.sh is not a regular file"},
-        {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
-        {"arguments", record(R"("script":"plain.sh  -a /","Name":"N")"), R"(: "script": "plain.sh", "params": "-a /")"},
-        {"interpreter as script", record(R"("script":"sh -e ../plain.sh x","Name":"N")"),
-         R"(; write "script": "plain.sh", "params": "x"; its first line names the interpreter)"},
-        {"mark", record(R"("script":"mark.sh","Name":"N")"), "mark.sh begins with a byte order mark, so that /bin/sh"},
-        {"late", record(R"("script":"late.sh","Name":"N")"), "late.sh has #! in line 3: it has to be the first"},
-        {"no interpreter", record(R"("script":"bare.py","Name":"N")"), "bare.py has no #! line, so that /bin/sh runs"},
-        {"near script", record(R"("script":"plain","Name":"N")"), "/plain does not exist; did you mean plain.sh?"},
-        {"params", record(R"("script":"plain.sh","Name":"N","params":["/"])"), "params is not a text: the script runs"},
-        {"no shell", record(R"("script":"plain.sh","Name":"N","params":"$HOME \"$x\" > y")"),
-         "$HOME > in params reach"},
-        {"quotes", record(R"("script":"plain.sh","Name":"N","params":"'a b'")"), "single quotes, which do not keep"},
-        {"no record", record(R"("script":"plain.sh","Name":"N")"), "note: workflow [0] \"W\", record [0] \"N\": resp"},
-        {"yes", record(R"("script":"plain.sh","Name":"N","response_needed":"yes")"),
-         "is \"yes\", not \"true\": the scr"},
-        {"two kinds", record(R"("script":"x","Name":"N","wmiQuery":"SELECT * FROM Win32_BIOS")"),
-         "\n0 errors, 1 warning\n"},
-        {"pattern", record(R"("wmiQuery":"SELECT * FROM Win32_BIOS WHERE Name LIKE 'a?'","Name":"N")"),
-         "in LIKE 'a?' the"},
-        {"device", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","DEVICE_NAME":"d:1")"),
-         "'d:1' is not an IPv4 addr"},
-        {"address", record(snmp + R"("OID":".1","DEVICE_NAME":"10.1.1")"), "DEVICE_NAME '10.1.1': an IPv4 address has"},
-        {"walk", record(snmp + R"("OID":[".1"],"IS_MULTIPLE_POLLED_DATA":1,"PORT":1)"),
-         "DATA is \"1\", not \"true\": only"},
-        {"OID list", record(snmp + R"("OID":[".1"])"), "OID is not a text: nothing is asked; one text with commas"},
-        {"part of a name", record(snmp + R"("OID":".1","PORT":1)"), "PORT: did you mean SNMP_PORT?"},
-        {"no version", record(snmp + R"("OID":".1.3")"), "SNMP_VERSION is missing: v1 is taken"},
-        {"port", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","SNMP_PORT":"x")"), "SNMP_PORT is not a number"},
-        {"version", record(snmp + R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
-        {"oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3,1.3.6")"), "OID '1.3.6' does not begin with a dot"},
-        {"long oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1)" + longOid + "\""), "has 129 numbers: an answer"},
-        {"oid beyond 32 bits", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3.4294967297")"),
-         "number 4294967297, and"},
-        {"oid of nobody", record(snmp + R"("SNMP_VERSION":"v1","OID":".3.1")"), "OID '.3.1' cannot be: an OID begins"},
-        {"oid letters", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.x")"), "OID '.1.x' is not numbers with dots"},
-    };
-    for (const auto& [title, text, finding] : rows) {
-        SCOPED_TRACE(title);
-        Write(plan, text);
-        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding));
+    for (const auto& [isExecutable, text, finding] : scripts) {
+        Write(conf / "scripts/s.sh", text);
+        fs::permissions(conf / "scripts/s.sh", isExecutable ? fs::perms::owner_all : fs::perms::owner_read);
+        ExpectFinding(Script("s.sh"), finding);
     }
-    Write(conf / "plan.json", "{}");
-    EXPECT_THAT(Run({"check"}).output, HasSubstr("plan.json stands there, and the agent reads only queryconf.txt"));
-    Registry({"set", agentKey + "\\Monitoring", "AllowedScripts", "other.sh"});
-    Write(plan, record(R"("script":"plain.sh","Name":"N")"));
-    EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
+    Write(conf / "scripts/bare.py", "print()\n");
+    fs::create_symlink("/nowhere", conf / "scripts/link.sh");
+    ASSERT_EQ(mkfifo((conf / "scripts/fifo.sh").c_str(), 0700), 0);
+    const std::pair<std::string, const char*> rows[] = {
+        {Script("no.sh"), "conf/scripts/no.sh does not exist"},
+        {Script("link.sh"), "link.sh is a link to what does not exist"},
+        {Script("../x"), "does not name a file below conf/scripts"},
+        {Script("fifo.sh"), "fifo.sh is not a regular file"},
+        {Script("bare.py"), "bare.py has no #! line, so that /bin/sh runs"},
+        {Script("s"), "/s does not exist; did you mean s.sh?"},
+        {Script("s.sh  -a /"), R"(: "script": "s.sh", "params": "-a /")"},
+        {Script("sh -e ../s.sh x"), R"(; write "script": "s.sh", "params": "x"; its first line names the interpreter)"},
+        {Script(R"(s.sh","params":"$HOME \"$x\" > y)"), "$HOME > in params reach"},
+        {Script(R"(s.sh","params":"'a b')"), "single quotes, which do not keep"},
+        {Record(R"("script":"s.sh","params":["/"])"), "params is not a text: the script runs"},
+        {Script("s.sh"), "note: workflow [0] \"W\", record [0] \"N\": resp"},
+        {Script(R"(s.sh","response_needed":"yes)"), "is \"yes\", not \"true\": the scr"},
+        {Script(R"(x","wmiQuery":"SELECT * FROM Win32_BIOS)"), "\n0 errors, 1 warning\n"},
+        {"{\n" + Script(R"(r\\u0041\u00e4.sh","Name":"\\\\u00e4)").substr(1), ", line 2: \\u00e4: the agent reads"},
+    };
+    for (const auto& [text, finding] : rows) ExpectFinding(text, finding);
     const std::tuple<const char*, const char*, const char*> limits[] = {
-        {"AllowedScripts", "plain.sh, no.sh",
-         "note: setting Monitoring\\AllowedScripts: allows 1 of 12 scripts below conf"},
-        {"AllowedScripts", "PLAIN.sh", "AllowedScripts: allows none of 12 scripts below conf/scripts; give paths"},
+        {"AllowedScripts", "other.sh", "s.sh is not run: AllowedScripts does not have it"},
+        {"AllowedScripts", "s.sh, no.sh", "note: setting Monitoring\\AllowedScripts: allows 1 of 4 scripts below conf"},
+        {"AllowedScripts", "S.sh", "AllowedScripts: allows none of 4 scripts below conf/scripts; give paths"},
         {"AllowedServices", "*.service", "AllowedServices: allows every service"},
         {"AllowedRequests", "start*, TEST_*", "AllowedRequests: allows TEST_MONITOR, START_SERVICE\n"},
         {"AllowedRequests", "", "AllowedRequests: is empty, so nothing is allowed"},
     };
     for (const auto& [name, value, told] : limits) {
         Registry({"set", agentKey + "\\Monitoring", name, value});
-        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(told));
+        ExpectFinding(Script("s.sh"), told);
     }
-    Registry({"delete", agentKey + "\\Monitoring", "AllowedScripts"});
+}
+
+TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
+    InstallAgent();
+    const auto query = [](const std::string& text) { return Record(R"("wmiQuery":"SELECT )" + text + "\""); };
+    const auto snmp = [](const std::string& members) {
+        return Record(R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","COMMUNITY":"c",)" + members);
+    };
+    const auto oid = [&](const std::string& text) { return snmp(R"("SNMP_VERSION":"v1","OID":")" + text + "\""); };
+    std::string longOid;
+    for (int number = 0; number < 129; ++number) longOid += ".1";
+    const std::pair<std::string, const char*> rows[] = {
+        {"// \"\n{\"WorkFlows\":[\n",
+         ", line 3, column 1: it is not a plan in JSON: unexpected end of data: the agent"},
+        {"{\"WorkFlows\":\r\n[\r\n", "is it whole? The [ of line 2 is not closed"},
+        {"\n ", "it has only blanks: the agent would refuse it; put a plan there"},
+        {"{\n\n \u201CWorkFlows\u201D:[]}", ", line 3, column 2: it is not a plan in JSON: quoted object"},
+        {"{\u201CWorkFlows\u201D:[]}", "; \u201C is a typographic quotation mark: write \""},
+        {std::string("\0{\0}", 4), "it is UTF-16 with the high byte first, which is not read"},
+        {"{\n\"\xE4\":[]}", ", line 2: the file is neither UTF-16LE nor UTF-8"},
+        {R"({"workflows":[]})", "what it holds; did you mean WorkFlows?"},
+        {R"({"Workflows":[{"interval":1,"recordSetName":[]}]})",
+         "the agent would refuse it from the server; at a start it runs the other lists all the same: Workflows"},
+        {R"({"WorkFlows":[],"disabled":[{"interval":1,"recordSetName":[]}]})",
+         "error: member disabled: its workflows run all the same: the agent runs each list at the top, whatever"},
+        {"{\"WorkFlows\":[],\n\"WorkFlows\":[]}", ", line 1: WorkFlows stands again in line 2, and only the l"},
+        {R"({"WorkFlows":[{"intervall":1,"recordSetName":[]}]})", "intervall: did you mean interval?"},
+        {R"({"WorkFlows":[{"wfname":"W","interval":0}]})", "[0] \"W\": has an interval below 1 (0): it is"},
+        {R"({"WorkFlows":[{"interval":1.5,"recordSetName":[]}]})", "fraction or an exponent, and 1 is taken; give"},
+        {R"({"WorkFlows":[{"interval":86400,"recordSetName":[]}]})", "which is 60 days; interval is in min"},
+        {R"({"WorkFlows":[{"interval":1,"recordSetName":[5]}]})", "record [0]: is not an object"},
+        {query("Nam FROM Win32_Process"), "did you mean Name?"},
+        {query(R"(* FROM Win32_Process","nameSpace":"ROOT\\X)"), "ROOT\\X"},
+        {query("* FROM Win32_PingStatus"), "needs an Address in WHERE"},
+        {query("Name FROM CIM_DataFile WHERE Extension='x'"),
+         "what Name is (a file), or else Path (a folder) [8004100c]"},
+        {query("* FROM Win32_BIOS WHERE Name LIKE 'a?'"), "in LIKE 'a?' the"},
+        {std::string("{}\0", 3), "the file has a NUL character at offset 2: the agent would refuse it"},
+        {oid(R"(.1.3","DEVICE_NAME":"d:1)"), "'d:1' is not an IPv4 addr"},
+        {oid(R"(.1","DEVICE_NAME":"10.1.1)"), "DEVICE_NAME '10.1.1': an IPv4 address has"},
+        {snmp(R"("OID":[".1"],"IS_MULTIPLE_POLLED_DATA":1,"PORT":1)"), "DATA is \"1\", not \"true\": only"},
+        {snmp(R"("OID":[".1"])"), "OID is not a text: nothing is asked; one text with commas"},
+        {snmp(R"("OID":".1","PORT":1)"), "PORT: did you mean SNMP_PORT?"},
+        {snmp(R"("OID":".1.3")"), "SNMP_VERSION is missing: v1 is taken"},
+        {oid(R"(.1.3","SNMP_PORT":"x)"), "SNMP_PORT is not a number"},
+        {snmp(R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
+        {oid(".1.3,1.3.6"), "OID '1.3.6' does not begin with a dot"},
+        {oid(longOid), "has 129 numbers: an answer"},
+        {oid(".1.3.4294967297"), "number 4294967297, and"},
+        {oid(".3.1"), "OID '.3.1' cannot be: an OID begins"},
+    };
+    for (const auto& [text, finding] : rows) ExpectFinding(text, finding);
+    Write(conf / "plan.json", "{}");
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("plan.json stands there, and the agent reads only queryconf.txt"));
     Write(conf / "slaves" / "S1" / "queryconf.txt", R"({"WorkFlows_S1":[5]})");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("plans of slaves: are not loaded"));
     Registry({"set", agentKey + "\\Monitoring", "MasterAgent", "yes"});
@@ -297,9 +274,7 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
     EXPECT_THAT(Run({"check", conf.string()}).errors, HasSubstr("conf is a directory; a plan is a file"));
     Write(plan, Utf16LittleEndianBytes(u"{\"WorkFlows\":[{\"wfname\":\"W\",\"interval\":1,\"recordSetName\":"
                                        u"[{\"wmiQuery\":\"SELECT * FROM Win32_BIOS\",\"Name\":\"N\"}]}]}"));
-    const Outcome good = Run({"check", plan, "--json"});
-    EXPECT_EQ(good.exitCode, 0) << good.output;
-    EXPECT_THAT(good.output, HasSubstr("\"errors\": 0"));
+    Expect({"check", plan, "--json"}, 0, "\"errors\": 0");
 }
 
 }  // namespace

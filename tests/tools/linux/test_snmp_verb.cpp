@@ -37,12 +37,7 @@ TEST_F(SnmpVerb, AsksADeviceOnce) {
     };
     for (const auto& [title, words, exitCode, output, errors] : rows) {
         SCOPED_TRACE(title);
-        Words line = words;
-        line.insert(line.begin(), "snmp");
-        const Outcome outcome = Run(line);
-        EXPECT_EQ(outcome.exitCode, exitCode);
-        EXPECT_THAT(outcome.output, output.empty() ? ::testing::Matcher<std::string>(output) : HasSubstr(output));
-        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+        Expect(Line("snmp", words), exitCode, output, errors);
     }
     EXPECT_EQ(Run({"snmp", "--json", "-p", port, "get", "127.0.0.1", ".1.3.6.1.2.1.11.30.0"}).output,
               "[\n  {\n    \"oid\": \".1.3.6.1.2.1.11.30.0\",\n    \"type\": \"INTEGER\",\n    \"value\": 2\n  }\n]\n");
