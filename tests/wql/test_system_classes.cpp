@@ -172,6 +172,7 @@ TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
         {"Win32_Processor", "LoadPercentage",  // the first query counts since the system's start
          "awk -v sockets=$(lscpu -p=SOCKET | grep -v '^#' | sort -u | wc -l) '/^cpu / {idle = $5 + $6; "
          "print sockets * (100 - 100 * idle / (idle + $2 + $3 + $4 + $7 + $8 + $9))}' /proc/stat", 2},
+        {"Win32_PerfFormattedData_PerfOS_System", "SystemUpTime", "cut -d' ' -f1 /proc/uptime", 1.5},
         {"Win32_Account WHERE SID = 'S-1-22-1-0'", "Caption", "printf '%s\\\\root' $(hostname -s)"},
         {"Win32_UserAccount", "Name", "getent -s files passwd | cut -d: -f1"},
         {"Win32_UserAccount", "SID", "getent -s files passwd | awk -F: '{print \"S-1-22-1-\" $3}'"},
