@@ -86,13 +86,15 @@ std::string PropertyTexts(const WmiRow& row, const std::string& names) {
     return texts;
 }
 
-std::string TextsOf(const std::string& selected) {
+std::vector<std::string> RowTexts(const std::string& selected) {
     const WmiResult result = RunWmiQuery("SELECT " + selected);
-    if (IsFailure(result.status)) return fmt::format("{:08x}", result.status);
+    if (IsFailure(result.status)) return {fmt::format("{:08x}", result.status)};
     std::vector<std::string> rows;
     for (const WmiRow& row : result.rows)
         rows.push_back(PropertyTexts(row, selected.substr(0, selected.find(" FROM "))));
-    return fmt::format("{}", fmt::join(rows, "\n"));
+    return rows;
 }
+
+std::string TextsOf(const std::string& selected) { return fmt::format("{}", fmt::join(RowTexts(selected), "\n")); }
 
 }  // namespace kv::test

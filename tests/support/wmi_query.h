@@ -38,8 +38,11 @@ std::string PropertyText(const WmiRow& row, const std::string& name);
 /// The texts of several properties, with blanks between them. names: with commas between them.
 std::string PropertyTexts(const WmiRow& row, const std::string& names);
 
-/// The texts of what "SELECT A,B FROM C WHERE ..." finds, as PropertyTexts has them, with line ends between the rows; the
-/// status in eight digits if the query fails. selected: without the word SELECT.
+/// The texts of what "SELECT A,B FROM C WHERE ..." finds, as PropertyTexts has them, one for each row; the status in
+/// eight digits if the query fails. selected: without the word SELECT.
+std::vector<std::string> RowTexts(const std::string& selected);
+
+/// The same with line ends between the rows.
 std::string TextsOf(const std::string& selected);
 
 /// A fixture that installs WMI.
