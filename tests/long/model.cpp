@@ -80,9 +80,9 @@ void RaiseZipNumber(State& state) {
     state.starter = Starter::storingZipNumber;
 }
 
-void BeginStart(State& state) {
+void BeginStart(State& state, Fault fault) {
     state.starter = Starter::deletingUnfinished;
-    if (Records(state, RecordPhase::written) != 0) return;
+    if (Records(state, RecordPhase::abandoned) != 0 && fault != Fault::unfinishedRecordStays) return;
     state.recordNumber = state.storedRecordNumber;
     state.zipNumber = state.storedZipNumber;
     const Byte highest = HighestNumber(state.records, InData(state));
@@ -91,13 +91,13 @@ void BeginStart(State& state) {
     state.starter = Starter::storingRecordNumber;
 }
 
-void StepStarter(State& state) {
+void StepStarter(State& state, Fault fault) {
     switch (state.starter) {
         case Starter::deletingUnfinished:
-            state.records[First(Records(state, RecordPhase::written))].phase = RecordPhase::gone;
+            state.records[First(Records(state, RecordPhase::abandoned))].phase = RecordPhase::gone;
             [[fallthrough]];
         case Starter::down:
-            return BeginStart(state);
+            return BeginStart(state, fault);
         case Starter::storingRecordNumber:
             state.storedRecordNumber = state.recordNumber;
             return RaiseZipNumber(state);
@@ -262,8 +262,10 @@ void StepPlanner(State& state, Answer answer, Fault fault) {
 
 /// Memory is gone; files, the registry and the server stay.
 void Crash(State& state) {
-    for (Record& record : state.records)
+    for (Record& record : state.records) {
         if (record.phase == RecordPhase::numbered) record.phase = RecordPhase::gone;
+        if (record.phase == RecordPhase::written) record.phase = RecordPhase::abandoned;
+    }
     state.starter = Starter::down;
     state.uploader = Uploader::asleep;
     state.planner = Planner::idle;
@@ -271,6 +273,44 @@ void Crash(State& state) {
     state.recordNumber = state.zipNumber = 1;
     state.loadedPlan = noPlan;
     ++state.crashes;
+}
+
+/// Why a state breaks the promise; null when it keeps it.
+const char* BrokenPromise(const State& state) {
+    const bool isUp = state.starter == Starter::up;
+    const auto hasTwins = [](auto& items, Byte set) {
+        std::set<Byte> numbers;
+        for (std::size_t i = 0; i < items.size(); ++i)
+            if (Has(set, i) && !numbers.insert(items[i].number).second) return true;
+        return false;
+    };
+    const auto isWhole = [](Byte version) { return version != noPlan && version != halfPlan; };
+    Byte zipped = 0;
+    for (const Zip& zip : state.zips)
+        if (zip.phase == ZipPhase::closed) zipped |= zip.records;
+    const Byte complete = Records(state, RecordPhase::complete);
+    const Byte arrived = Where(state.records, [](auto& record) { return record.atServer > 0; });
+    if ((complete & ~(InData(state) | zipped | arrived)) != 0) return "a complete record is lost";
+    if (isUp && Records(state, RecordPhase::abandoned) != 0) return "half a record of an earlier run stays";
+    if (hasTwins(state.records, complete)) return "two complete records have one number";
+    if (hasTwins(state.zips, static_cast<Byte>(~Zips(state, ZipPhase::none)))) return "two zips have one number";
+    if (!isWhole(state.plan) || state.backup == halfPlan) return "a plan is neither the old one nor the new one";
+    if (isUp && state.loadedPlan != state.plan) return "the plan in use is not the one on disk";
+    if (isWhole(state.backup) && state.backup > state.plan) return "the backup is newer than the plan";
+    if (isWhole(state.download) && state.download <= state.plan && state.planner != Planner::deletingOld)
+        return "a plan waits that is older than the one in use";
+    return nullptr;
+}
+
+/// Why a server that accepts everything, and no further crash, do not get every complete record and an empty queue.
+const char* BrokenInTheEnd(State state, const Limits& limits) {
+    for (int step = 0; step < 200; ++step) {
+        const bool isUp = state.starter == Starter::up, isWriting = BeingWritten(state) != 0;
+        const Byte zips = Zips(state, ZipPhase::closed) | Zips(state, ZipPhase::unfinished);
+        if (isUp && !isWriting && state.isAwake != 0 && (InData(state) | zips) == 0) return BrokenPromise(state);
+        state = After(state, {!isUp ? Actor::starter : isWriting ? Actor::writer : Actor::uploader}, limits);
+    }
+    return "the queue is never empty again";
 }
 
 struct Visit {
@@ -283,6 +323,7 @@ struct Visit {
 struct Graph {
     std::vector<Visit> visits{{}};
     std::unordered_map<State, std::uint32_t, Hash> known{{State(), 0}};
+    Exploration result;
 
     Trace TraceTo(std::uint32_t at) const {
         Trace trace;
@@ -293,22 +334,22 @@ struct Graph {
 };
 
 /// Ends at the first state that breaks a promise, and tells of it.
-Graph Reach(const Limits& limits, std::string& failure) {
+Graph Reach(const Limits& limits) {
     Graph graph;
-    for (std::uint32_t at = 0; at < graph.visits.size(); ++at) {
+    for (std::uint32_t at = 0; at < graph.visits.size() && graph.result.failure.empty(); ++at) {
         const State state = graph.visits[at].state;
         const char* broken = BrokenPromise(state);
-        if (!broken && !EmptiesItself(state, limits)) broken = "the queue is never empty again";
-        if (broken) {
-            failure = fmt::format("{}\n{}\n{}", broken, Describe(graph.TraceTo(at)), Describe(state));
-            return graph;
-        }
+        if (!broken) broken = BrokenInTheEnd(state, limits);
+        if (broken)
+            graph.result.failure = fmt::format("{}\n{}\n{}", broken, Describe(graph.TraceTo(at)), Describe(state));
         for (const Step step : NextSteps(state, limits)) {
             const State next = After(state, step, limits);
             if (graph.known.try_emplace(next, static_cast<std::uint32_t>(graph.visits.size())).second)
                 graph.visits.push_back({next, at, step});
+            ++graph.result.steps;
         }
     }
+    graph.result.states = graph.visits.size();
     return graph;
 }
 
@@ -339,7 +380,7 @@ State After(const State& state, Step step, const Limits& limits) {
     State next = state;
     switch (step.actor) {
         case Actor::starter:
-            StepStarter(next);
+            StepStarter(next, limits.fault);
             break;
         case Actor::writer:
             StepWriter(next);
@@ -356,40 +397,6 @@ State After(const State& state, Step step, const Limits& limits) {
     return next;
 }
 
-const char* BrokenPromise(const State& state) {
-    Byte zipped = 0;
-    for (const Zip& zip : state.zips)
-        if (zip.phase == ZipPhase::closed) zipped |= zip.records;
-    const Byte complete = Records(state, RecordPhase::complete);
-    const Byte arrived = Where(state.records, [](auto& record) { return record.atServer > 0; });
-    if ((complete & ~(InData(state) | zipped | arrived)) != 0) return "a complete record is lost";
-    const auto hasTwins = [](auto& items, Byte set) {
-        std::set<Byte> numbers;
-        for (std::size_t i = 0; i < items.size(); ++i)
-            if (Has(set, i) && !numbers.insert(items[i].number).second) return true;
-        return false;
-    };
-    if (hasTwins(state.records, complete)) return "two complete records have one number";
-    if (hasTwins(state.zips, static_cast<Byte>(~Zips(state, ZipPhase::none)))) return "two zips have one number";
-    const auto isWhole = [](Byte version) { return version != noPlan && version != halfPlan; };
-    if (!isWhole(state.plan) || state.backup == halfPlan) return "a plan is neither the old one nor the new one";
-    if (state.starter == Starter::up && state.loadedPlan != state.plan) return "the plan in use is not the one on disk";
-    if (isWhole(state.backup) && state.backup > state.plan) return "the backup is newer than the plan";
-    if (isWhole(state.download) && state.download <= state.plan && state.planner != Planner::deletingOld)
-        return "a plan waits that is older than the one in use";
-    return nullptr;
-}
-
-bool EmptiesItself(State state, const Limits& limits) {
-    for (int step = 0; step < 200; ++step) {
-        const bool isUp = state.starter == Starter::up, isWriting = BeingWritten(state) != 0;
-        const Byte zips = Zips(state, ZipPhase::closed) | Zips(state, ZipPhase::unfinished);
-        if (isUp && !isWriting && state.isAwake != 0 && (InData(state) | zips) == 0) return true;
-        state = After(state, {!isUp ? Actor::starter : isWriting ? Actor::writer : Actor::uploader}, limits);
-    }
-    return false;
-}
-
 std::string Describe(const Limits& limits) {
     return fmt::format("{} records, {} zips, {} plans, {} crashes", limits.records, limits.zips, limits.plans,
                        limits.crashes);
@@ -401,7 +408,8 @@ std::string Describe(const State& state) {
     for (std::size_t i = 0; i < mostRecords; ++i) {
         const Record& record = state.records[i];
         names[i] = fmt::format("Agent_K7_{}.txt={}", record.number, i);
-        if (record.phase == RecordPhase::written) files.insert(fmt::format("Agent_K7_{}.tmp", record.number));
+        if (record.phase == RecordPhase::written || record.phase == RecordPhase::abandoned)
+            files.insert(fmt::format("Agent_K7_{}.tmp", record.number));
         if (record.isInData != 0) files.insert(names[i]);
         if (record.atServer != 0) files.insert(fmt::format("{} at server x{}", names[i], record.atServer));
     }
@@ -428,37 +436,21 @@ std::string Describe(const Trace& trace) {
     return text;
 }
 
-Exploration Explore(const Limits& limits) {
-    Exploration result;
-    const Graph graph = Reach(limits, result.failure);
-    result.states = graph.visits.size();
-    for (const Visit& visit : graph.visits) result.steps += NextSteps(visit.state, limits).size();
-    return result;
-}
+Exploration Explore(const Limits& limits) { return Reach(limits).result; }
 
-std::vector<Trace> RunsThroughAll(const Limits& limits) {
-    std::string failure;
-    const Graph graph = Reach(limits, failure);
-    std::vector<std::vector<Step>> left;  // the steps of each state that no run takes yet
-    for (const Visit& visit : graph.visits) left.push_back(NextSteps(visit.state, limits));
-    const auto take = [&](std::uint32_t& at, Step step) {
-        std::erase(left[at], step);
-        at = graph.known.at(After(graph.visits[at].state, step, limits));
-    };
-    std::vector<Trace> runs;
-    for (std::uint32_t last = static_cast<std::uint32_t>(left.size()); last-- > 0;) {
-        while (!left[last].empty()) {
-            Trace run = graph.TraceTo(last);
-            std::uint32_t at = 0;
-            for (const Step step : run) take(at, step);
-            while (!left[at].empty()) {
-                run.push_back(left[at].front());
-                take(at, run.back());
-            }
-            runs.push_back(std::move(run));
+std::vector<Trace> TracesOfEveryStep(const Limits& limits) {
+    const Graph graph = Reach(limits);
+    std::vector<Trace> traces;
+    for (std::uint32_t at = 0; at < graph.visits.size(); ++at) {
+        for (const Step step : NextSteps(graph.visits[at].state, limits)) {
+            const Visit& next = graph.visits[graph.known.at(After(graph.visits[at].state, step, limits))];
+            const bool isOnAWay = next.before == at && next.step == step && !NextSteps(next.state, limits).empty();
+            if (isOnAWay) continue;  // a longer trace takes it
+            traces.push_back(graph.TraceTo(at));
+            traces.back().push_back(step);
         }
     }
-    return runs;
+    return traces;
 }
 
 }  // namespace kv::model

@@ -28,6 +28,7 @@ enum class Fault : Byte {
     zipNumberNotStored,
     zipDeletedWithoutAnswer,
     unfinishedZipStays,
+    unfinishedRecordStays,
     planWrittenInPlace,
 };
 
@@ -39,7 +40,8 @@ struct Limits {
     Fault fault = Fault::none;
 };
 
-enum class RecordPhase : Byte { none, numbered, written, complete, gone };  // written: as .tmp; gone: by a crash
+/// Written: as .tmp, also when a crash has abandoned it. Gone: by a crash, or deleted at the start after it.
+enum class RecordPhase : Byte { none, numbered, written, abandoned, complete, gone };
 struct Record {
     RecordPhase phase = RecordPhase::none;
     Byte number = 0;
@@ -113,12 +115,6 @@ std::vector<Step> NextSteps(const State& state, const Limits& limits);
 /// The state after a step that can come next.
 State After(const State& state, Step step, const Limits& limits);
 
-/// Why a state breaks the promise; null when it keeps it.
-const char* BrokenPromise(const State& state);
-
-/// Whether a server that accepts everything, and no further crash, gets every complete record and an empty queue.
-bool EmptiesItself(State state, const Limits& limits);
-
 std::string Describe(const Limits& limits);
 /// Files, numbers and plans; numbers in memory count once the agent is up, and are 0 before.
 std::string Describe(const State& state);
@@ -134,7 +130,7 @@ struct Exploration {
 /// Visits every state, breadth first, up to the first that breaks a promise.
 Exploration Explore(const Limits& limits);
 
-/// Traces that together take every step of every state.
-std::vector<Trace> RunsThroughAll(const Limits& limits);
+/// Traces that together take every step of every state, each by a shortest way.
+std::vector<Trace> TracesOfEveryStep(const Limits& limits);
 
 }  // namespace kv::model

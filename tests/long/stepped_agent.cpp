@@ -1,19 +1,23 @@
 #include "tests/long/stepped_agent.h"
 
+#include <atomic>
 #include <chrono>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <functional>
 #include <map>
 #include <poll.h>
+#include <random>
 #include <semaphore>
 #include <set>
+#include <span>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include "collection/record_file.h"
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"
+#include "foundation/log.h"
 #include "foundation/registry_store.h"
 #include "lab/store/archive.h"
 #include "platform/http.h"
@@ -44,7 +48,13 @@ namespace {
 namespace fs = std::filesystem;
 using model::Actor;
 using model::Answer;
-using platform::Error;
+using model::Step;
+
+// From the working directory.
+const fs::path conf = "../conf", data = "data", zipdata = "zipdata", taken = "../../taken",
+               difference = "../../difference";
+
+std::string PlanBytes(int version) { return WideBytes(PlanText("WorkFlows", {"plan" + std::to_string(version)})); }
 
 /// A thread of the agent, which stops before each operation that changes a file, the registry or the server.
 class Thread {
@@ -102,6 +112,7 @@ void StopBefore(bool step) {
 std::u16string RecordText(int index) { return u"{\"record\":" + DecimalText(index) + u"}"; }
 
 void RunStarter() {
+    StopBefore(true);
     RemoveUnfinishedRecordFiles();
     VerifyLastFileNum();
     LoadConfFiles();
@@ -129,54 +140,33 @@ void RunUploader() { StripTxtFiles(nullptr); }
 /// The archive of a new plan comes and goes within one step of the model.
 bool IsInModel(std::u16string_view path) { return !path.ends_with(u"queryconf.zip"); }
 
-platform::FileOperations SteppedFiles() {
-    platform::FileOperations files = platform::Files();
-    static std::set<platform::FileHandle> planFiles;
-    files.CreateFileW = [real = files.CreateFileW](std::u16string_view path, auto access, auto share, auto disposition,
-                                                   auto& file) {
-        const bool writes = access == platform::FileAccess::write || access == platform::FileAccess::readWrite;
-        if (writes) StopBefore(IsInModel(path) && !MayExist(path));
-        const Error error = real(path, access, share, disposition, file);
-        planFiles.erase(file);
-        if (writes && path.ends_with(u"queryconf.txt")) planFiles.insert(file);
-        return error;
-    };
-    files.WriteFile = [real = files.WriteFile](auto file, auto... rest) {
-        StopBefore(planFiles.contains(file));
-        return real(file, rest...);
-    };
-    files.FlushFileBuffers = [](auto) {
-        StopBefore(false);
-        return platform::error::success;
-    };
-    files.MoveFileExW = [real = files.MoveFileExW](auto... arguments) {
-        StopBefore(true);
+/// Has a routine run before an operation, with its arguments, until the process ends.
+template <class Operations, class Operation, class Routine>
+void Before(Operation Operations::*operation, Routine routine) {
+    auto& current = platform::CurrentOperations<Operations>().*operation;
+    current = [real = current, routine](auto&&... arguments) {
+        routine(arguments...);
         return real(arguments...);
     };
-    files.CopyFileW = [real = files.CopyFileW](auto... arguments) {
-        StopBefore(true);
-        return real(arguments...);
-    };
-    files.DeleteFileW = [real = files.DeleteFileW](std::u16string_view path) {
-        StopBefore(IsInModel(path) && MayExist(path));
-        return real(path);
-    };
-    return files;
 }
 
-/// Installs operations that stop before what they do. They stay until the process ends.
-void InstallSteps() {
-    platform::CurrentOperations<platform::FileOperations>() = SteppedFiles();
-    auto& registry = platform::CurrentOperations<platform::RegistryOperations>();
-    registry.RegSetValueExW = [real = registry.RegSetValueExW](auto key, std::u16string_view name, auto... rest) {
-        StopBefore(name.starts_with(u"MALastCreated"));
-        return real(key, name, rest...);
-    };
-    auto& http = platform::CurrentOperations<platform::HttpOperations>();
-    http.WinHttpSendRequest = [real = http.WinHttpSendRequest](auto... arguments) {
-        StopBefore(true);
-        return real(arguments...);
-    };
+void InstallStops() {
+    using Files = platform::FileOperations;
+    const auto step = [](auto&&...) { StopBefore(true); };
+    Before(&Files::CreateFileW, [](auto path, auto access, auto&&...) {
+        if (access != platform::FileAccess::read) StopBefore(IsInModel(path) && !MayExist(path));
+    });
+    Before(&Files::WriteFile, [](auto, const void* bytes, std::size_t size) {
+        const std::string_view start(static_cast<const char*>(bytes), std::min<std::size_t>(size, 10));
+        StopBefore(start == PlanBytes(0).substr(0, 10));
+    });
+    Before(&Files::FlushFileBuffers, [](auto) { StopBefore(false); });
+    Before(&Files::MoveFileExW, step);
+    Before(&Files::CopyFileW, step);
+    Before(&Files::DeleteFileW, [](auto path) { StopBefore(IsInModel(path) && MayExist(path)); });
+    Before(&platform::RegistryOperations::RegSetValueExW,
+           [](auto, std::u16string_view name, auto&&...) { StopBefore(name.starts_with(u"MALastCreated")); });
+    Before(&platform::HttpOperations::WinHttpSendRequest, step);
     auto& creator = platform::CurrentOperations<platform::ThreadOperations>();
     creator.CreateThread = [](auto...) { return platform::ThreadHandle{1}; };  // no timers: the writer is one
     static VirtualClock clock;
@@ -215,62 +205,81 @@ int LoadedVersion() {
     return name.back() - u'0';
 }
 
-void SendAnswer(Socket connection, std::string_view status, std::string_view body) {
+// ---- the server
+
+/// What the server does with the next request, and the version of the plan that it has.
+struct {
+    std::atomic<Answer> answer;
+    std::atomic<int> plan;
+} server;
+
+void SendAnswer(Socket connection, std::string_view status, std::string_view body = {}) {
     SendText(connection, fmt::format("HTTP/1.1 {}\r\nContent-Length: {}\r\n\r\n{}", status, body.size(), body));
 }
 
-void KeepZip(const std::string& head, const std::string& body, const fs::path& takenFolder) {
+/// Keeps a zip as `taken`/<name>.<time>.
+void KeepZip(const std::string& head, const std::string& body) {
     const std::size_t start = head.find("FILENAME=") + 9;
-    const std::string name = head.substr(start, head.find_first_of(" &", start) - start);
+    const fs::path path = taken / head.substr(start, head.find_first_of(" &", start) - start);
     int time = 1;
-    while (fs::exists(takenFolder / fmt::format("{}.{}", name, time))) ++time;
-    TestFolder::Write(takenFolder / fmt::format("{}.{}", name, time), body);
+    while (fs::exists(fmt::format("{}.{}", path.string(), time))) ++time;
+    TestFolder::Write(fmt::format("{}.{}", path.string(), time), body);
 }
 
-void Serve(Socket connection, const SharedMemory& shared, const fs::path& takenFolder) {
+void Serve(Socket connection) {
     std::string head, body;
     for (char c; !head.ends_with("\r\n\r\n") && ReceiveBytes(connection, &c, 1) == 1;) head += c;
-    const Answer answer = shared.answer;
-    if (answer == Answer::away) return;
+    if (server.answer == Answer::away) return;
     if (head.starts_with("GET"))
-        return SendAnswer(connection, "200 OK", lab::MakeArchive({{"queryconf.txt", PlanBytes(shared.plansServed)}}));
-    const std::size_t size = std::stoul(head.substr(head.find("Content-Length: ") + 16));
-    body.resize(size);
-    for (std::size_t got = 0, read = 1; got < size && read > 0; got += read)
-        read = ReceiveBytes(connection, body.data() + got, size - got);
-    if (answer == Answer::refuses) return SendAnswer(connection, "503 Service Unavailable", "");
-    KeepZip(head, body, takenFolder);
-    if (answer == Answer::accepts) SendAnswer(connection, "200 OK", "");
+        return SendAnswer(connection, "200 OK", lab::MakeArchive({{"queryconf.txt", PlanBytes(server.plan)}}));
+    body.resize(std::stoul(head.substr(head.find("Content-Length: ") + 16)));
+    for (std::size_t got = 0, read = 1; got < body.size() && read > 0; got += read)
+        read = ReceiveBytes(connection, body.data() + got, body.size() - got);
+    if (server.answer == Answer::refuses) return SendAnswer(connection, "503 Service Unavailable");
+    KeepZip(head, body);
+    if (server.answer == Answer::accepts) SendAnswer(connection, "200 OK");
 }
 
-}  // namespace
-
-std::string PlanBytes(int version) { return WideBytes(PlanText("WorkFlows", {"plan" + std::to_string(version)})); }
-
-void ServeForever(Socket listener, const SharedMemory& shared, const std::filesystem::path& takenFolder) {
+[[noreturn]] void ServeForever(Socket listener) {
     for (;;) {
         const Socket connection = AcceptConnection(listener);
-        Serve(connection, shared, takenFolder);
+        Serve(connection);
         CloseSocket(connection);
     }
 }
 
-SteppedAgent::SteppedAgent(AgentFolders folders, SharedMemory& shared) : folders_(std::move(folders)), shared_(shared) {
-    agentState.gv_writeInterval = 0;  // a pass follows when the uploader has slept once
-    InstallSteps();
+// ---- beside the model
+
+/// What model::Describe(state) should say.
+std::string Observed(const model::State& state) {
+    std::set<std::string> files;
+    for (const std::string& name : TestFolder::FilesIn(data))
+        files.insert(name.ends_with(".tmp") ? name : name + "=" + RecordIn(TestFolder::Read(data / name)));
+    for (const std::string& name : TestFolder::FilesIn(zipdata))
+        files.insert("zip " + name +
+                     (name.ends_with(".tmp") ? "" : fmt::format(": {}", fmt::join(RecordsInZip(zipdata / name), " "))));
+    std::map<std::string, int> times;
+    for (const std::string& name : TestFolder::FilesIn(taken))
+        for (const std::string& record : RecordsInZip(taken / name)) ++times[record];
+    for (const auto& [record, count] : times) files.insert(fmt::format("{} at server x{}", record, std::min(count, 2)));
+    std::uint32_t storedRecord = 1, storedZip = 1;
+    GetMALastCreatedJSONNum(storedRecord);
+    GetMALastCreatedZIPNum(storedZip);
+    const bool isUp = state.starter == model::Starter::up;
+    return fmt::format(
+        model::describedState, fmt::join(files, ", "), isUp ? agentState.gv_ocLastCreatedJSONNum.load() : 0,
+        isUp ? agentState.gv_ocLastCreatedZIPNum.load() : 0, storedRecord, storedZip, VersionIn(conf / "queryconf.txt"),
+        VersionIn(conf / "backup/queryconf.txt"), VersionIn(conf / "backup/queryconf.txt.new"),
+        VersionIn(conf / "download/queryconf.txt"), LoadedVersion());
 }
 
-std::string SteppedAgent::Take(model::Step step, const model::State& after) {
-    shared_.answer = step.answer;
-    shared_.plansServed = after.plansServed;
+/// Makes the agent take a step that leads to `after`; why it differs from that, or nothing.
+std::string Take(Step step, const model::State& after) {
+    server.answer = step.answer;
+    server.plan = after.plansServed;
     Thread* const actors[] = {&threads.starter, &threads.writer, &threads.uploader, &threads.planner};
-    Thread& actor = *actors[static_cast<int>(step.actor)];
-    static bool isStarted = false;
-    if (!std::exchange(isStarted, true))
-        actor.Start(RunStarter);
-    else if (!actor.TakeStep())
-        return "the agent's thread ends or hangs";
-    if (after.starter == model::Starter::up && step.actor == Actor::starter) {
+    if (!actors[static_cast<int>(step.actor)]->TakeStep()) return "the agent's thread ends or hangs";
+    if (step.actor == Actor::starter && after.starter == model::Starter::up) {
         if (!threads.starter.hasEnded) return "the start takes more steps";
         threads.recordsBegun = static_cast<int>(model::RecordsBegun(after));
         threads.writer.Start(RunWriter);
@@ -281,35 +290,64 @@ std::string SteppedAgent::Take(model::Step step, const model::State& after) {
     return expected == observed ? "" : "model: " + expected + "\nagent: " + observed;
 }
 
-void SteppedAgent::GoOnALittle(std::mt19937& random) {
+/// Goes on between two steps of the model, to die at any file operation.
+void GoOnALittle(std::mt19937& random) {
     for (Thread* actor : {&threads.writer, &threads.uploader, &threads.planner})
         for (auto operations = random() % 6; operations > 0 && threads.starter.hasEnded && !actor->isAtStep;
              --operations)
             actor->GoOn();
 }
 
-std::string SteppedAgent::Observed(const model::State& state) const {
-    std::set<std::string> files;
-    for (const std::string& name : TestFolder::FilesIn(folders_.data))
-        files.insert(name.ends_with(".tmp") ? name : name + "=" + RecordIn(TestFolder::Read(folders_.data / name)));
-    for (const std::string& name : TestFolder::FilesIn(folders_.zipdata))
-        files.insert(name.ends_with(".tmp")
-                         ? "zip " + name
-                         : fmt::format("zip {}: {}", name, fmt::join(RecordsInZip(folders_.zipdata / name), " ")));
-    std::map<std::string, int> taken;
-    for (const std::string& name : TestFolder::FilesIn(folders_.taken))
-        for (const std::string& record : RecordsInZip(folders_.taken / name)) ++taken[record];
-    for (const auto& [record, times] : taken) files.insert(fmt::format("{} at server x{}", record, std::min(times, 2)));
-    std::uint32_t storedRecord = 1, storedZip = 1;
-    GetMALastCreatedJSONNum(storedRecord);
-    GetMALastCreatedZIPNum(storedZip);
-    const bool isUp = state.starter == model::Starter::up;
-    return fmt::format(model::describedState, fmt::join(files, ", "),
-                       isUp ? agentState.gv_ocLastCreatedJSONNum.load() : 0,
-                       isUp ? agentState.gv_ocLastCreatedZIPNum.load() : 0, storedRecord, storedZip,
-                       VersionIn(folders_.conf / "queryconf.txt"), VersionIn(folders_.conf / "backup/queryconf.txt"),
-                       VersionIn(folders_.conf / "backup/queryconf.txt.new"),
-                       VersionIn(folders_.conf / "download/queryconf.txt"), LoadedVersion());
+/// An agent from its start to a crash or the end of a trace; where it differs from the model, or nothing.
+std::string Live(Socket listener, std::span<const Step> steps, model::State state, const model::Limits& limits,
+                 unsigned seed) {
+    std::thread(ServeForever, listener).detach();
+    InstallStops();
+    threads.starter.Start(RunStarter);
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        state = After(state, steps[i], limits);
+        if (const std::string text = Take(steps[i], state); !text.empty())
+            return "after " + Describe(model::Trace(&steps[0], &steps[i] + 1)) + "\n" + text;
+    }
+    std::mt19937 random(seed);
+    GoOnALittle(random);
+    return "";
+}
+
+}  // namespace
+
+SteppedAgent::SteppedAgent() {
+    int port = 0;
+    listener_ = ListenOnLoopback(port);
+    agentState.gv_ServerPort = port;
+    agentState.gv_agentKey.Publish(u"K7");
+    agentState.gv_LastAccessName.Publish(u"127.0.0.1");
+    agentState.gv_httpsEnabled = 0;
+    agentState.gv_writeInterval = 0;  // a pass follows when the uploader has slept once
+    logState.gv_logLevel = 0;
+}
+
+std::string SteppedAgent::Follow(const model::Trace& trace, const model::Limits& limits, unsigned seed) {
+    for (const fs::path& part : {data, zipdata, taken, conf, folder / "state"}) {
+        fs::remove_all(part);
+        fs::create_directories(part);
+    }
+    Write(conf / "queryconf.txt", PlanBytes(0));
+    model::State state;
+    for (auto begin = trace.begin(); begin != trace.end();) {
+        auto end = std::find_if(begin, trace.end(), [](Step step) { return step.actor == Actor::crash; });
+        Write(difference, "the child process ends by itself");
+        const pid_t child = fork();
+        if (child == 0) {
+            Write(difference, Live(listener_, {begin, end}, state, limits, seed));
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        if (const std::string text = Read(difference); !text.empty()) return Describe(trace) + "\n" + text;
+        if (end != trace.end()) ++end;  // the crash
+        for (; begin != end; ++begin) state = After(state, *begin, limits);
+    }
+    return "";
 }
 
 }  // namespace kv::test
