@@ -152,11 +152,12 @@ TEST(MountSpace, WaitsForASilentMountOnlyOnce) {
     EXPECT_TRUE(!again[0] && again[1] && notices.size() == 1);
     EXPECT_EQ(*asked, 1) << "at most one thread is stuck";
     mounts[0].device = "0:99";
-    EXPECT_FALSE(ask(50ms)[0].has_value());
-    EXPECT_EQ(*asked, 2) << "a new device is another mount";
-    released->release(100);
     std::vector<std::optional<SpaceAnswer>> answers;
     const auto end = steady_clock::now() + 30s;
+    do EXPECT_FALSE(ask(50ms)[0].has_value());
+    while (*asked < 2 && steady_clock::now() < end);
+    EXPECT_EQ(*asked, 2) << "a new device is another mount";
+    released->release(100);
     do answers = ask(10s);
     while (!answers[0] && steady_clock::now() < end);
     EXPECT_TRUE(answers[0]) << "it answers again";
