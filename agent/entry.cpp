@@ -1,6 +1,7 @@
 #include "agent/entry.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <new>
@@ -93,15 +94,16 @@ bool MayPass(platform::Error failure) {
 }
 
 /// Asks for a minute: a service that ends at each start of a machine whose disk fails for a moment is soon given up by
-/// its manager.
+/// its manager. A registry that somebody holds answers each time after seconds only, so that the time counts.
 platform::Error ReadInstallDir(OptionalText& installDir) {
-    constexpr int attempts = 60;
+    const platform::ClockOperations& clock = platform::Clock();
+    const std::uint64_t end = clock.GetTickCount64() + 60000;  // milliseconds
     platform::Error failure = GetKVAgentInstallDir(installDir);
-    for (int made = 1; made < attempts && MayPass(failure); ++made) {
-        if (made == 1)
-            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s; it is tried again for a minute\n",
-                         InstallDirFault(failure).c_str());
-        platform::Clock().Sleep(1000);
+    if (MayPass(failure))
+        std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s; it is tried again for a minute\n",
+                     InstallDirFault(failure).c_str());
+    while (MayPass(failure) && clock.GetTickCount64() < end) {
+        clock.Sleep(1000);
         failure = GetKVAgentInstallDir(installDir);
     }
     return failure;

@@ -19,6 +19,7 @@
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 
@@ -88,6 +89,19 @@ void RaiseToFilesOnDisk(std::u16string_view directory, std::u16string_view exten
     if (highest == 0 || highest <= lastNumber) return;
     lastNumber = highest;
     store(highest);
+}
+
+/// A stored number. While it cannot be read, any name may have been used already, and nothing is collected.
+std::uint32_t ReadNumber(const char* name, platform::Error (*read)(std::uint32_t&)) {
+    constexpr std::uint32_t pause = 60000;  // milliseconds
+    std::uint32_t number = 1;
+    while (const platform::Error failure = read(number)) {
+        Log1("\t VerifyLastFileNum :: %s cannot be read, and is asked for again in %d seconds. Error is [%d]\n", name,
+             pause / 1000, failure);
+        NoteObstacle("the last used numbers of records and zips cannot be read from the registry");
+        platform::Clock().Sleep(pause);
+    }
+    return number;
 }
 
 platform::Error StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
@@ -234,12 +248,10 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
 
 void VerifyLastFileNum() {
     Log3("\t Inside VerifyLastFileNum() \n");
-    std::uint32_t number = 1;
-    GetMALastCreatedJSONNum(number);
+    std::uint32_t number = ReadNumber("MALastCreatedJSONNum", GetMALastCreatedJSONNum);
     agentState.gv_ocLastCreatedJSONNum = number;
     Log1("\t VerifyLastFileNum :: Last created JSON Number is [%d]\n", number);
-    number = 1;
-    GetMALastCreatedZIPNum(number);
+    number = ReadNumber("MALastCreatedZIPNum", GetMALastCreatedZIPNum);
     agentState.gv_ocLastCreatedZIPNum = number;
     Log1("\t VerifyLastFileNum :: Last created ZIP Number [%d]\n", number);
     RaiseToFilesOnDisk(u"data", u".txt", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);

@@ -52,7 +52,7 @@ bool TellRecordOutcome(const char* caller, const RecordIdentity& record, std::u1
                        platform::Error outcome) noexcept;
 
 /// Sets the last used file numbers to the highest that the registry or a file on the disk has, and stores a number that
-/// a file has raised. Called once, before any collection.
+/// a file has raised. Waits while the registry cannot say, and asks each minute. Called once, before any collection.
 void VerifyLastFileNum();
 
 /// Stores the last used file numbers, so that no later run gives one of these names to other content. A number that

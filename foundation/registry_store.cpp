@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "foundation/log.h"
+#include "foundation/registry_failure.h"
 #include "foundation/system_error.h"
 
 namespace kv {
@@ -103,6 +104,13 @@ Error WriteNumber(std::u16string_view subKey, std::u16string_view valueName, std
 bool ReadNumber(std::u16string_view subKey, std::u16string_view valueName, std::uint32_t& out, std::uint32_t fallback) {
     out = fallback;
     return ReadDwordRegistryData(RootKey::localMachine, subKey, valueName, out) == error::success;
+}
+
+/// An absent number and a value of another size count as 1. One that cannot be read now may be any number.
+Error ReadLastUsed(std::u16string_view valueName, std::uint32_t& out) {
+    out = 1;
+    const Error result = ReadDwordRegistryData(RootKey::localMachine, monitoringKeyPath, valueName, out);
+    return IsGone(result) || result == error::moreData ? error::success : result;
 }
 
 }  // namespace
@@ -297,15 +305,8 @@ Error GetLoggerMaxFiles(std::uint32_t& out) {
     return error::success;
 }
 
-Error GetMALastCreatedJSONNum(std::uint32_t& out) {
-    ReadNumber(monitoringKeyPath, u"MALastCreatedJSONNum", out, 1);
-    return error::success;
-}
-
-Error GetMALastCreatedZIPNum(std::uint32_t& out) {
-    ReadNumber(monitoringKeyPath, u"MALastCreatedZIPNum", out, 1);
-    return error::success;
-}
+Error GetMALastCreatedJSONNum(std::uint32_t& out) { return ReadLastUsed(u"MALastCreatedJSONNum", out); }
+Error GetMALastCreatedZIPNum(std::uint32_t& out) { return ReadLastUsed(u"MALastCreatedZIPNum", out); }
 
 Error GetConfigInterval(std::uint32_t& out) {
     if (!ReadNumber(monitoringKeyPath, u"configInterval", out, 30)) {

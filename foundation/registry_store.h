@@ -84,9 +84,9 @@ platform::Error GetRequestAvailable(OptionalText& out);
 platform::Error SetRequestAvailable(std::u16string_view text);
 platform::Error GetRequestID(OptionalText& out);
 platform::Error SetRequestID(std::u16string_view id);
-platform::Error GetMALastCreatedJSONNum(std::uint32_t& out);  // fallback 1
+platform::Error GetMALastCreatedJSONNum(std::uint32_t& out);  // fallback 1; an error when it cannot be read
 platform::Error SetMALastCreatedJSONNum(std::uint32_t number);
-platform::Error GetMALastCreatedZIPNum(std::uint32_t& out);  // fallback 1
+platform::Error GetMALastCreatedZIPNum(std::uint32_t& out);  // the same
 platform::Error SetMALastCreatedZIPNum(std::uint32_t number);
 platform::Error GetConfigInterval(std::uint32_t& out);         // fallback 30, seconds
 platform::Error GetWriteInterval(std::uint32_t& out);          // fallback 300, seconds

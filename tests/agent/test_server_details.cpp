@@ -181,20 +181,22 @@ TEST_F(ServerDetails, NotesAnExceptionWhileItReadsSettings) {
 
 TEST_F(ServerDetails, ARegistryThatFailsForAMomentIsAskedAgain) {
     Set({agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/")});
-    const test::VirtualClock clock;
+    test::VirtualClock clock;
     for (const auto& [failures, isFound] : {std::pair{2, true}, {1000, false}}) {
         int left = failures;
         const test::Replaced failing(
             &platform::RegistryOperations::RegQueryValueExW,
-            [&left, query = platform::Registry().RegQueryValueExW](auto key, auto value, auto&&... rest) {
-                if (value == u"KVAgentInstallDir" && left-- > 0) return platform::error::readFault;
-                return query(key, value, rest...);
+            [&left, &clock, query = platform::Registry().RegQueryValueExW](auto key, auto value, auto&&... rest) {
+                if (value != u"KVAgentInstallDir" || left-- <= 0) return query(key, value, rest...);
+                clock.AdvanceMilliseconds(5000);  // as long as a registry that is held may take
+                return platform::error::busy;
             });
         StopLogging();
         std::filesystem::remove_all(folder / "monitoring" / "logs");
         EXPECT_EQ(Main({"MonitoringAgent", "/monitor"}), 1);
         EXPECT_EQ(std::filesystem::exists(folder / "monitoring" / "logs" / "testmonitor.log"), isFound) << failures;
     }
+    EXPECT_LT(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, 80000);
 }
 
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {

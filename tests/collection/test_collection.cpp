@@ -293,6 +293,21 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
     }
 }
 
+TEST_F(Collection, ANumberThatCannotBeReadIsWaitedFor) {
+    SetMALastCreatedJSONNum(300);
+    SetMALastCreatedZIPNum(40);
+    const VirtualClock clock;
+    int left = 3;
+    const Replaced failing(&platform::RegistryOperations::RegQueryValueExW,
+                           [&left, query = platform::Registry().RegQueryValueExW](auto&&... asked) {
+                               return left-- > 0 ? platform::error::readFault : query(asked...);
+                           });
+    VerifyLastFileNum();
+    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 300U);
+    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 40U);
+    EXPECT_THAT(ReadLastEvents().obstacle, testing::StartsWith("the last used numbers"));
+}
+
 TEST_F(Collection, NumbersContinueAfterTheFilesOnDisk) {
     VerifyLastFileNum();
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "without a stored number and files";
