@@ -2,7 +2,6 @@
 // note only after the transaction.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <httplib.h>
 #include <memory>
@@ -64,23 +63,8 @@ class RawServer {
   public:
     using Handler = std::function<void(Socket connection, const std::string& request)>;
 
-    explicit RawServer(Handler handler) : handler_(std::move(handler)), listener_(ListenOnLoopback(port)) {
-        thread_ = std::thread([this] {
-            for (Socket connection; (connection = AcceptConnection(listener_)) != noSocket;) {
-                if (!ended_) Serve(connection);
-                CloseSocket(connection);
-                if (ended_) return;
-            }
-        });
-    }
-    ~RawServer() {
-        ended_ = true;
-        CloseSocket(ConnectToLoopback(port));  // wakes the thread
-        thread_.join();
-        CloseSocket(listener_);
-    }
+    explicit RawServer(Handler handler) : handler_(std::move(handler)) {}
 
-    int port = 0;
     std::vector<std::string> requests;  // their headers, in the order of arrival
 
   private:
@@ -93,9 +77,10 @@ class RawServer {
     }
 
     Handler handler_;
-    Socket listener_;
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
+    LoopbackServer server_{[this](Socket connection) { Serve(connection); }};
+
+  public:
+    const int port = server_.port;
 };
 
 /// Sends a text. Then hangs up, or waits until the other side does.

@@ -65,9 +65,7 @@ TEST_F(HttpTransport, ReadsCertificates) {
     const std::string pem(certificatePem);
     const std::pair<std::string, std::optional<std::size_t>> texts[] = {
         {"", 0},
-        {"no certificate", 0},
         {"one\n" + pem + "and another\r\n" + pem, 2},
-        {pem.substr(0, pem.size() / 2), std::nullopt},
         {pem + pem.substr(0, pem.size() - 3), std::nullopt},
         {"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", std::nullopt},
     };
@@ -258,33 +256,21 @@ TEST_F(HttpTransport, APostThatWantsTheAnswerNeedsItsLength) {
 TEST_F(HttpTransport, RefusesInvalidCalls) {
     const platform::HttpOperations& http = platform::Http();
     platform::HttpHandle session = 0, connection = 0, request = 0, refused = 0;
-    RawServer server(Answers("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
-    const auto port = static_cast<std::uint16_t>(server.port);
-    for (const char16_t* list : {u"", u" ; "}) {
-        EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, list, std::nullopt, refused), 87u);
-    }
     ASSERT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::noProxy, std::nullopt, std::nullopt, session), 0u);
-    ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", port, connection), 0u);
-    EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, refused), 12018u);
+    ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", 1, connection), 0u);
     EXPECT_EQ(http.WinHttpOpenRequest(connection, u"HEAD", u"/", u"", 0, refused), 87u);
     ASSERT_EQ(http.WinHttpOpenRequest(connection, u"GET", u"/", u"", 0, request), 0u);
     EXPECT_EQ(http.WinHttpCloseHandle(session), 0u);  // handles opened from it stay valid
     EXPECT_EQ(http.WinHttpCloseHandle(session), 6u);
     EXPECT_EQ(http.WinHttpAddRequestHeaders(request, u"Name: a\r\nOther: b"), 87u);
-    EXPECT_EQ(http.WinHttpSetOptionNumber(request, platform::HttpOption::proxyPassword, 1), 12009u);
-    EXPECT_EQ(http.WinHttpSetOptionText(request, platform::HttpOption::sendTimeout, u"1"), 12009u);
-    std::uint32_t number = 0;
     for (const auto& [option, milliseconds] : {std::pair{platform::HttpOption::connectTimeout, 60000u},
                                                {platform::HttpOption::sendTimeout, 30000u},
                                                {platform::HttpOption::receiveTimeout, 30000u}}) {
+        std::uint32_t number = 0;
         EXPECT_EQ(http.WinHttpQueryOption(request, option, number), 0u);
         EXPECT_EQ(number, milliseconds);
     }
     EXPECT_EQ(http.WinHttpReceiveResponse(request), 12019u);
-    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 12019u);
-    EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
-    EXPECT_EQ(http.WinHttpReceiveResponse(request), 0u);
-    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::contentLengthNumber, number), 12150u);
     EXPECT_EQ(http.WinHttpCloseHandle(connection), 0u);
     EXPECT_EQ(http.WinHttpCloseHandle(request), 0u);
 }

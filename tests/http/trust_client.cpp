@@ -1,7 +1,6 @@
 // An agent that starts with settings of trust, makes one GET and one POST, and prints their results and
 // its log. For tests whose servers are on another system than the agent.
-// Usage: trust_client HOST:PORT [VALUE=DATA...]    the values are those of the key ServerInfo; proxy=HOST:PORT is one
-// that the agent goes through
+// Usage: trust_client HOST:PORT [VALUE=DATA...]    the values are those of the key ServerInfo
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -22,10 +21,6 @@ struct TrustClient : HttpTest {
     void Run(const std::string& server, const std::vector<std::string>& settings) {
         for (const std::string& setting : settings) {
             const std::size_t end = setting.find('=');
-            if (setting.starts_with("proxy=")) {
-                UseProxy(platform::WideFromUtf8(setting.substr(end + 1)), u"");
-                continue;
-            }
             writeValue(platform::RootKey::localMachine, serverInfoKeyPath,
                        platform::WideFromUtf8(setting.substr(0, end)), platform::WideFromUtf8(setting.substr(end + 1)),
                        platform::RegistryType::text);

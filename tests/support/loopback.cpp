@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 #include "native_sockets.h"  // of the target system
 
@@ -76,5 +77,22 @@ void Relay(Socket one, Socket other) {
 }
 
 void CloseSocket(Socket socket) { CloseNative(Native(socket)); }
+
+LoopbackServer::LoopbackServer(std::function<void(Socket)> serve) : listener_(ListenOnLoopback(port)) {
+    thread_ = std::thread([this, serve = std::move(serve)] {
+        for (Socket connection; (connection = AcceptConnection(listener_)) != noSocket;) {
+            if (!ended_) serve(connection);
+            CloseSocket(connection);
+            if (ended_) return;
+        }
+    });
+}
+
+LoopbackServer::~LoopbackServer() {
+    ended_ = true;
+    CloseSocket(ConnectToLoopback(port));  // wakes the thread
+    thread_.join();
+    CloseSocket(listener_);
+}
 
 }  // namespace kv::test

@@ -1,9 +1,12 @@
 // Plain TCP connections on 127.0.0.1, for the servers and proxies of tests.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string_view>
+#include <thread>
 
 namespace kv::test {
 
@@ -30,5 +33,19 @@ void SendText(Socket connection, std::string_view text);
 void Relay(Socket one, Socket other);
 
 void CloseSocket(Socket socket);
+
+/// Serves one connection at a time on a thread of its own, and closes it. What the function uses has to outlive it.
+class LoopbackServer {
+  public:
+    explicit LoopbackServer(std::function<void(Socket connection)> serve);
+    ~LoopbackServer();
+
+    int port = 0;
+
+  private:
+    Socket listener_;
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;
+};
 
 }  // namespace kv::test

@@ -87,26 +87,12 @@ inline std::string KeyPin(const Identity& identity) {
 class TlsServer {
   public:
     explicit TlsServer(const Identity& identity, std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")
-        : answer_(std::move(answer)), listener_(ListenOnLoopback(port)), context_(SSL_CTX_new(TLS_server_method())) {
+        : answer_(std::move(answer)), context_(SSL_CTX_new(TLS_server_method())) {
         SSL_CTX_use_certificate(context_.get(), identity.certificate.get());
         if (identity.between) SSL_CTX_add1_chain_cert(context_.get(), identity.between.get());
         SSL_CTX_use_PrivateKey(context_.get(), identity.key.get());
-        thread_ = std::thread([this] {
-            for (Socket connection; (connection = AcceptConnection(listener_)) != noSocket;) {
-                if (!ended_) Serve(connection);
-                CloseSocket(connection);
-                if (ended_) return;
-            }
-        });
-    }
-    ~TlsServer() {
-        ended_ = true;
-        CloseSocket(ConnectToLoopback(port));  // wakes the thread
-        thread_.join();
-        CloseSocket(listener_);
     }
 
-    int port = 0;
     std::atomic<std::size_t> decrypted = 0;
 
     /// Whether this many connections have come to their ends; waits for them.
@@ -145,10 +131,11 @@ class TlsServer {
 
     std::string answer_;
     std::atomic<int> served_ = 0;
-    Socket listener_;
     std::unique_ptr<SSL_CTX, platform::ReleasedBy<SSL_CTX_free>> context_;
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
+    LoopbackServer server_{[this](Socket connection) { Serve(connection); }};
+
+  public:
+    const int port = server_.port;
 };
 
 }  // namespace kv::test
