@@ -134,6 +134,22 @@ TEST_F(WmiStorageTrees, ReferToObjectsByTheirPaths) {
         testing::StartsWith("32768|442367|\n1024000|1028095|\n"));
 }
 
+TEST_F(WmiStorageTrees, HaveMountsOfEachKind) {
+    Write(root + "/proc/self/mountinfo",
+          "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 20 8:2 / /ro ro - ext4 /dev/sda2 ro,usrquota\n"
+          "22 20 0:41 / /net rw - nfs4 nas:/x rw\n23 20 0:42 / /run rw - tmpfs tmpfs rw\n");
+    EXPECT_EQ(LinesOf(Over<GatherLogicalDisks>(u"Win32_LogicalDisk",
+                                               "DeviceID FileSystem Access DriveType SupportsDiskQuotas QuotasDisabled "
+                                               "QuotasIncomplete QuotasRebuilding VolumeDirty ConfigManagerErrorCode")),
+              "/|ext4|3|3|true|true|false|false|false|0|\n/net|nfs4|3|4|false|true|false|false|false|0|\n"
+              "/ro|ext4|1|3|true|false|false|false|false|0|\n/run|tmpfs|3|6|true|true|false|false|false|0|\n");
+    EXPECT_EQ(
+        LinesOf(Over<GatherLogicalDisks>(
+            u"Win32_Volume", "DeviceID DriveType Automount PageFilePresent QuotasEnabled DirtyBitSet BootVolume")),
+        "/|3|true|false|false|false|true|\n/net|4|false|false|false|false|false|\n"
+        "/ro|3|false|false|true|false|false|\n/run|6|false|false|false|false|false|\n");
+}
+
 TEST_F(WmiStorageTrees, HavePlacesAndPathsByTheKernelsNames) {
     for (const char* name : {"sdaa", "sdb", "cciss!c0d0"})
         AddDevice("pci0/" + std::string(name), name, name, {{"size", "8"}, {std::string(name) + "1/partition", "1"}});

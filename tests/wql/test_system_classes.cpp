@@ -181,6 +181,10 @@ TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
          "lsblk -bnro NAME,TYPE,SIZE,LOG-SEC,PKNAME | awk '$2 == \"part\" {++parts[$5]} "
          "$2 == \"disk\" && $1 !~ /^(zram|nbd|ram|mmcblk.*boot)/ {size[$1] = $3 \" \" $4} "
          "END {for (name in size) print \"/dev/\" name, size[name], parts[name] + 0}' | LC_ALL=C sort"},
+        {"Win32_LogicalDisk WHERE DeviceID = '/'", "Size", "df -B1 --output=used,avail / | awk 'NR == 2 {print $1 + $2}'",
+         256 << 20},
+        {"Win32_Volume WHERE DeviceID = '/'", "FreeSpace", "df -B1 --output=avail / | tail -n 1", 256 << 20},
+        {"Win32_LogicalDisk WHERE DeviceID = '/'", "FileSystem", "findmnt -no FSTYPE /"},
         {"Win32_CDROMDrive", "DeviceID", "lsblk -nro NAME,TYPE | awk '$2 == \"rom\" {print \"/dev/\" $1}' | sort"},
         {"Win32_DiskPartition", "Caption,Size,StartingOffset",
          "lsblk -bnro NAME,TYPE,SIZE,START | awk '$2 == \"part\" && $1 !~ /^(loop|md|nbd|zram)/ "
