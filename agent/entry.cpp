@@ -1,7 +1,6 @@
 #include "agent/entry.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <new>
@@ -26,7 +25,6 @@
 #include "foundation/system_error.h"
 #include "foundation/thread_pool.h"
 #include "foundation/version.h"
-#include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/service_host.h"
@@ -87,26 +85,14 @@ std::string InstallDirFault(platform::Error failure) {
     return "cannot be read: " + RegistryFailureText(failure);
 }
 
-/// Whether the registry may be well in a moment: its disk fails, or somebody holds it.
-bool MayPass(platform::Error failure) {
-    return failure != platform::error::success && !IsGone(failure) && failure != platform::error::accessDenied &&
-           failure != platform::error::databaseCorrupt;
-}
-
-/// Asks for a minute: a service that ends at each start of a machine whose disk fails for a moment is soon given up by
-/// its manager. A registry that somebody holds answers each time after seconds only, so that the time counts.
 platform::Error ReadInstallDir(OptionalText& installDir) {
-    const platform::ClockOperations& clock = platform::Clock();
-    const std::uint64_t end = clock.GetTickCount64() + 60000;  // milliseconds
-    platform::Error failure = GetKVAgentInstallDir(installDir);
-    if (MayPass(failure))
-        std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s; it is tried again for a minute\n",
-                     InstallDirFault(failure).c_str());
-    while (MayPass(failure) && clock.GetTickCount64() < end) {
-        clock.Sleep(1000);
-        failure = GetKVAgentInstallDir(installDir);
-    }
-    return failure;
+    return AskForAMinute([&] { return GetKVAgentInstallDir(installDir); },
+                         [](platform::Error failure) {
+                             std::fprintf(stderr,
+                                          "MonitoringAgent: the setting KVAgentInstallDir %s; it is tried again "
+                                          "for a minute\n",
+                                          InstallDirFault(failure).c_str());
+                         });
 }
 
 /// Finds the bin directory. False if memory runs out; true, and no path, if the setting is absent.

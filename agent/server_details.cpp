@@ -10,6 +10,7 @@
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
 #include "foundation/proxy_password.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/messages.h"
@@ -25,15 +26,18 @@ namespace error = platform::error;
 
 constexpr std::int32_t requiredValueMissing = error::invalidData;
 
-/// True when a read went well; else writes its failure line.
-bool Fetched(Error result, const char* failureLine) {
-    if (result == error::success) return true;
-    Log1(failureLine);
-    return false;
-}
+/// The last reason for which the registry failed, other than that a value is absent. Settings are read by one thread.
+Error registryFailure = error::success;
 
 bool Fetched(bool found, const char* failureLine) {
-    return Fetched(found ? error::success : error::invalidData, failureLine);
+    if (!found) Log1(failureLine);
+    return found;
+}
+
+/// True when a read went well; else writes its failure line.
+bool Fetched(Error result, const char* failureLine) {
+    if (result != error::success && !IsGone(result)) registryFailure = result;
+    return Fetched(result == error::success, failureLine);
 }
 
 /// Reads a text and publishes it; after a failure it is absent.
@@ -231,7 +235,8 @@ void getProxyServerDetails() {
         Log3("\t getProxyServerDetails() :: Cryptographic client ok\n");
     else
         Log3("\t getProxyServerDetails() :: Cryptographic client error\n");
-    if (GetProxyEnabled(agentState.gv_proxyEnabled) != error::success) agentState.gv_proxyEnabled = u"NO";
+    Fetched(GetProxyEnabled(agentState.gv_proxyEnabled),
+            "\t Error in reading whether the proxy is enabled. gv_proxyEnabled is NO\n");
     if (ProxyIsEnabled())
         ReadProxy();
     else
@@ -274,10 +279,17 @@ void SetDefaults() {
 }
 
 void LoadSettings(const char* missingLine) {
-    RunGuarded("getCSDetails", [missingLine] {
-        if (getCSDetails() != 0 && missingLine) Log1(missingLine);
+    const auto read = [missingLine] {
+        registryFailure = error::success;
+        RunGuarded("getCSDetails", [missingLine] {
+            if (getCSDetails() != 0 && missingLine) Log1(missingLine);
+        });
+        RunGuarded("getProxyServerDetails", getProxyServerDetails);
+        return registryFailure;
+    };
+    AskForAMinute(read, [](Error failure) {
+        Log1("\t getCSDetails() :: settings cannot be read, and are read again for a minute. Error is [%d]\n", failure);
     });
-    RunGuarded("getProxyServerDetails", getProxyServerDetails);
     RunGuarded("getServerTrust", getServerTrust);
 }
 

@@ -21,7 +21,7 @@ void getProxyServerDetails();
 
 /// Fills the state from all settings: getCSDetails, getProxyServerDetails and getServerTrust. An exception ends one of
 /// them, with a log line, and not the others. When a required value is missing, missingLine is logged; null for no
-/// line. Called like getCSDetails.
+/// line. While the registry fails for a reason that may pass, all is read again for a minute. Called like getCSDetails.
 void LoadSettings(const char* missingLine = nullptr);
 
 /// The same after the settings may have changed. What cannot be read is as before the first LoadSettings, and the bin

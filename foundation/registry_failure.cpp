@@ -1,8 +1,10 @@
 #include "foundation/registry_failure.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <fmt/format.h>
 
+#include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/messages.h"
 
@@ -18,9 +20,28 @@ std::string AbsenceText(const std::string& path) {
     return fmt::format("{} does not exist (is the agent installed, and KVAGENT_STATE_DIR right?)", path);
 }
 
+/// Whether the registry may be well in a moment.
+bool MayPass(platform::Error failure) {
+    return failure != error::success && !IsGone(failure) && failure != error::accessDenied &&
+           failure != error::databaseCorrupt;
+}
+
 }  // namespace
 
 bool IsGone(platform::Error result) { return result == error::fileNotFound || result == error::keyDeleted; }
+
+platform::Error AskForAMinute(const std::function<platform::Error()>& read,
+                              const std::function<void(platform::Error)>& tell) {
+    const platform::ClockOperations& clock = platform::Clock();
+    const std::uint64_t end = clock.GetTickCount64() + 60000;  // a question alone may take seconds
+    platform::Error failure = read();
+    if (MayPass(failure)) tell(failure);
+    while (MayPass(failure) && clock.GetTickCount64() < end) {
+        clock.Sleep(1000);
+        failure = read();
+    }
+    return failure;
+}
 
 std::string MissingRegistryText() {
     const std::string directory = platform::MissingRegistryDirectory();

@@ -286,8 +286,9 @@ Error GetKVServerSecIPAddress(OptionalText& out) {
 }
 
 Error GetProxyEnabled(OptionalText& out) {
-    if (ReadText(agentKeyPath, u"ProxyEnabled", out) != error::success) out = u"NO";
-    return error::success;
+    const Error result = ReadText(agentKeyPath, u"ProxyEnabled", out);
+    if (result != error::success) out = u"NO";
+    return IsGone(result) ? error::success : result;
 }
 
 Error GetAgentLogLevel(std::uint32_t& out) {

@@ -57,7 +57,7 @@ platform::Error GetCustomerName(OptionalText& out);
 platform::Error GetRemoteOfficeName(OptionalText& out);
 platform::Error GetEnableSendAgentStatus(OptionalText& out);
 platform::Error SetEnableSendAgentStatus(std::u16string_view text);
-platform::Error GetProxyEnabled(OptionalText& out);  // fallback "NO"
+platform::Error GetProxyEnabled(OptionalText& out);  // fallback "NO"; an error when it cannot be read
 platform::Error GetProxyServerName(OptionalText& out);
 platform::Error GetProxyUserName(OptionalText& out);
 platform::Error GetProxyByPass(OptionalText& out);

@@ -199,6 +199,30 @@ TEST_F(ServerDetails, ARegistryThatFailsForAMomentIsAskedAgain) {
     EXPECT_LT(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, 80000);
 }
 
+TEST_F(ServerDetails, SettingsThatCannotBeReadForAMomentAreReadAgain) {
+    for (const Setting& setting : requiredSettings) Set(setting);
+    Set({agentKeyPath, u"ProxyEnabled", u"yes"});
+    for (const auto& [failing, failures, outcome] : {std::tuple{u"KVServerIPAddress", 5, "central yes"},
+                                                     {u"ProxyEnabled", 5, "central yes"},
+                                                     {u"KVServerName", 1000, "absent yes"}}) {
+        const test::VirtualClock clock;
+        int left = failures;
+        const test::Replaced registry(&platform::RegistryOperations::RegQueryValueExW,
+                                      [&left, name = failing, query = platform::Registry().RegQueryValueExW](
+                                          auto key, auto value, auto&&... rest) {
+                                          return value == name && left-- > 0 ? platform::error::readFault
+                                                                             : query(key, value, rest...);
+                                      });
+        test::ResetAgentState();
+        LoadSettings();
+        EXPECT_EQ(platform::Utf8FromWide(agentState.gv_ServerName.value_or(u"absent") + u" " +
+                                         agentState.gv_proxyEnabled.value_or(u"")),
+                  outcome);
+        EXPECT_EQ(agentState.gv_remoteOfficeName.has_value(), failures == 5);
+    }
+    EXPECT_TRUE(Logged("settings cannot be read, and are read again for a minute"));
+}
+
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {
     const struct {
         const char* title;
