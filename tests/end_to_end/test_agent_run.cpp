@@ -1,11 +1,8 @@
-// The real program and a real server: enrolment, collection, and kills.
+// The real program and a real server: enrolment, collection, and two agents beside each other.
 #include <gtest/gtest.h>
-#include <map>
-#include <random>
 #include <set>
 
 #include "foundation/file_utils.h"
-#include "jsontext/hash_json.h"
 #include "lab/server/server.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
@@ -29,11 +26,6 @@ std::set<fs::path> RecordFiles(const InstalledAgent& agent) {
         if (entry.path().extension() == ".txt") files.insert(entry.path());
     }
     return files;
-}
-
-bool IsCompleteRecord(const std::string& bytes) {
-    const HashTablePtr table = MakeHashTable();
-    return JSONTextToHash(table.get(), TextFromUtf16LittleEndian(bytes)).ok;
 }
 
 /// It has the key of an earlier run, and no server.
@@ -85,28 +77,6 @@ TEST(AgentRun, RunsWithoutItsFolderAndAServer) {
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(agent).empty(); })) << agent.ReadLog();
     EXPECT_TRUE(logged("Unable to locate the directory") && logged("sleeping for 1 minute")) << agent.ReadLog();
     EXPECT_TRUE(agent.IsRunning());
-}
-
-TEST(AgentRun, LosesNoCompleteRecordWhenKilled) {
-    EnrolledAgent agent;
-    std::mt19937 random(20261124);
-    std::uniform_int_distribution<int> moment(1, 120);
-    std::map<fs::path, std::string> records;
-    for (int round = 0; round < 10; ++round) {
-        agent.Start({"/t"});
-        const std::size_t before = records.size();
-        // Every other round kills it while it starts, the rest while it writes.
-        if (round % 2 == 1) InstalledAgent::Eventually([&] { return RecordFiles(agent).size() > before; });
-        InstalledAgent::Pause(moment(random));
-        agent.Kill();
-        for (const auto& [path, bytes] : records) ASSERT_EQ(TestAgent::Read(path), bytes) << path;
-        for (const fs::path& path : RecordFiles(agent)) {
-            const std::string bytes = TestAgent::Read(path);
-            EXPECT_TRUE(IsCompleteRecord(bytes)) << path;
-            records[path] = bytes;
-        }
-    }
-    EXPECT_GE(records.size(), 5U);
 }
 
 TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {

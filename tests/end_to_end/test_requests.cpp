@@ -18,7 +18,10 @@ namespace fs = std::filesystem;
 struct ServedAgent : InstalledAgent {
     ServedAgent() {
         program = KV_HASTY_AGENT_PROGRAM;
-        StartServer();
+        lab::ServerOptions options;
+        options.database = database;
+        server.emplace(options);
+        SetServer(server->port(), u"http");
         SetText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
         SetText(u"\\Monitoring", u"MasterAgent", u"YES");
         SetText(u"\\Monitoring", u"RequestAvailable", u"NO");  // it fetches nothing before it is told to
@@ -32,14 +35,6 @@ struct ServedAgent : InstalledAgent {
             TestAgent::Write(slaves / slave / "queryconf.txt",
                              OnePlan("WorkFlows_" + std::string(slave), "quick.sh", slave));
         }
-    }
-
-    void StartServer(int port = 0) {
-        lab::ServerOptions options;
-        options.database = database;
-        options.port = port;
-        server.emplace(options);
-        SetServer(server->port(), u"http");
     }
 
     static std::string OnePlan(const std::string& member, const std::string& script, const std::string& name) {
@@ -79,13 +74,6 @@ struct ServedAgent : InstalledAgent {
         Start({"/t"});
         ASSERT_TRUE(Eventually([&] { return TimesRun("S2") >= 1 && LastStatus(database) != "unknown"; })) << ReadLog();
     }
-    bool IsServing(const std::string& id) const { return ReadSetting(u"\\Monitoring", u"RequestID") == id; }
-    /// Whether the list is served, including the notice at its end.
-    bool IsIdle() const {
-        return IsServing("NONE") && ReadSetting(u"\\Monitoring", u"RequestAvailable") == "NO" &&
-               !fs::exists(monitoring / "conf" / "download" / "RequestList.txt");
-    }
-
     std::optional<lab::LabServer> server;
     fs::path slaves = monitoring / "conf" / "slaves";
     fs::path runs = folder / "runs.txt";
@@ -143,24 +131,6 @@ TEST(Requests, AMasterReplacesASlavesPlanAndDeletesASlave) {
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("S1new") > newBefore; })) << agent.ReadLog();
     InstalledAgent::Pause(200);  // S2 would come next
     EXPECT_EQ(agent.TimesRun("S2"), before);
-}
-
-TEST(Requests, SurviveAServerThatGoesAwayInTheMiddleOfAList) {
-    ServedAgent agent;
-    agent.StartEnrolled();
-    ASSERT_TRUE(agent.RunKvlab("fault set --servlet conf --delay 60000"));
-    const std::string hanging = agent.PushPlan("K7", ServedAgent::OnePlan("WorkFlows", "quick.sh", "New"), "--no-flag");
-    agent.AddRequest("--type DELETE_DEVICE --set DEVICE_NAME=S2");
-    ASSERT_TRUE(InstalledAgent::Eventually([&] { return agent.IsServing(hanging); })) << agent.ReadLog();
-    const int port = agent.server->port();
-    agent.server.reset();
-    EXPECT_TRUE(InstalledAgent::Eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.IsIdle(); }))
-        << agent.ReadLog();
-    EXPECT_TRUE(agent.IsRunning());
-    EXPECT_TRUE(agent.RunKvlab("fault clear"));  // the download may not have reached the server
-    agent.StartServer(port);
-    agent.AddRequest("--type NOTHING_KNOWN");
-    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("New") == 1; })) << agent.ReadLog();
 }
 
 }  // namespace

@@ -24,12 +24,10 @@ namespace kv::test {
 
 using Names = std::vector<std::string>;
 
-class Requests : public TestAgent {
+class Requests : public HttpTest {
   protected:
     Requests() {
         agentState.gv_agentKey.Publish(u"K7");
-        agentState.gv_LastAccessName.Publish(u"127.0.0.1");
-        agentState.gv_httpsEnabled = 0;
         agentState.gv_ServerPort = server.port;
         InitTimerManager();
         server.server->Get("/none", [this](const httplib::Request& request, httplib::Response& answer) {
