@@ -9,19 +9,24 @@ namespace kv::lab::test {
 
 namespace {
 
+/// Each agent uploads every half second.
+FleetOptions OptionsFor(const std::string& address, int agents, int seconds) {
+    return {address, "", "FLEET", agents, 600, seconds, 6};
+}
+
+FleetReport RunForASecond(const std::string& address) {
+    return RunFleet(
+        OptionsFor(address, 3, 1), [](const FleetReport&) {}, [] { return false; });
+}
+
 class FleetAgainstLab : public LabOnEach {
   protected:
-    /// Runs until so many zips were accepted, or for a minute: each agent uploads every half second.
-    FleetReport RunUntil(std::int64_t accepted, const std::string& address) const {
-        FleetOptions options;
-        options.server = address;
-        options.agents = 4;
-        options.rate = 600;
-        options.records = 6;
-        options.seconds = 60;
+    /// Runs until so many zips were accepted, or for a minute.
+    FleetReport RunUntil(std::int64_t accepted) const {
         std::int64_t seen = 0;
         return RunFleet(
-            options, [&](const FleetReport& report) { seen = report.acceptedZips; }, [&] { return seen >= accepted; });
+            OptionsFor(Address(), 4, 60), [&](const FleetReport& report) { seen = report.acceptedZips; },
+            [&] { return seen >= accepted; });
     }
     std::string Address() const { return "http://127.0.0.1:" + std::to_string(server->port()); }
 };
@@ -31,7 +36,7 @@ TEST_P(FleetAgainstLab, LosesNothingWhateverTheServerDoes) {
     AddFault(store, {0, "FileCollector", FaultKind::drop, 0, 1});
     AddFault(store, {0, "FileCollector", FaultKind::cut, 0, 1});
     AddFault(store, {0, "DataAgentHandlerServlet", FaultKind::status, 500, 1});
-    const FleetReport report = RunUntil(8, Address());
+    const FleetReport report = RunUntil(8);
     EXPECT_EQ(report.registrations.failed(), 0);
     EXPECT_EQ(report.requestLists.failed(), 1);
     EXPECT_EQ(report.uploads.failed(), 3) << "and sent again";
@@ -52,19 +57,13 @@ TEST_P(FleetAgainstLab, TellsWhatIsLost) {
         Execute(*own.database, "DELETE FROM record WHERE delivery <= 2");
         Execute(*own.database, "DELETE FROM delivery WHERE number <= 2");
     });
-    const FleetReport report = RunUntil(8, Address());
+    const FleetReport report = RunUntil(8);
     forgetful.join();
     EXPECT_EQ(report.lost(), 2);
 }
 
 TEST_P(FleetAgainstLab, SaysThatItStops) {
-    FleetOptions options;
-    options.server = Address();
-    options.agents = 3;
-    options.rate = 600;
-    options.seconds = 1;
-    const FleetReport report = RunFleet(
-        options, [](const FleetReport&) {}, [] { return false; });
+    const FleetReport report = RunForASecond(Address());
     EXPECT_EQ(report.stops.count(), 3);
     for (const Agent& agent : Agents(store)) EXPECT_EQ(agent.status, "AGENT_DOWN");
 }
@@ -74,16 +73,10 @@ INSTANTIATE_TEST_SUITE_P(Database, FleetAgainstLab, eachKind, KindName);
 class Fleet : public kv::test::TestAgent {};
 
 TEST_F(Fleet, SaysThatNobodyAnswers) {
-    FleetOptions options;
-    options.server = "http://127.0.0.1:1";
-    options.agents = 2;
-    options.rate = 600;
-    options.seconds = 1;
-    const FleetReport report = RunFleet(
-        options, [](const FleetReport&) {}, [] { return false; });
-    EXPECT_EQ(report.registrations.failed(), 2);
+    const FleetReport report = RunForASecond("http://127.0.0.1:1");
+    EXPECT_EQ(report.registrations.failed(), 3);
     EXPECT_EQ(report.acceptedZips, 0);
-    EXPECT_GE(report.waitingZips, 2);
+    EXPECT_GE(report.waitingZips, 3);
     EXPECT_FALSE(report.zipsHeld);
 }
 

@@ -1,14 +1,12 @@
 // The server's HTTP: what strangers and slow senders do to it, and what it does with many of them.
-#include <arpa/inet.h>
+#include <array>
 #include <future>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "lab/server/http_daemon.h"
 #include "tests/lab/lab_helpers.h"
 #include "tests/support/linux/shell.h"
+#include "tests/support/loopback.h"
 
 namespace kv::lab::test {
 
@@ -20,35 +18,28 @@ using ::testing::StartsWith;
 /// A connection of a stranger, who sends what he likes.
 class Stranger {
   public:
-    explicit Stranger(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in server{};
-        server.sin_family = AF_INET;
-        server.sin_port = htons(static_cast<std::uint16_t>(port));
-        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+    explicit Stranger(int port, std::string_view bytes = "") : socket_(kv::test::ConnectToLoopback(port)) {
+        Send(bytes);
     }
-    Stranger(int port, std::string_view bytes) : Stranger(port) { Send(bytes); }
-    ~Stranger() { close(socket_); }
-    Stranger(Stranger&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
-    Stranger(const Stranger&) = delete;
-    Stranger& operator=(const Stranger&) = delete;
+    ~Stranger() { kv::test::CloseSocket(socket_); }
+    Stranger(Stranger&& other) noexcept : socket_(std::exchange(other.socket_, kv::test::noSocket)) {}
 
-    void Send(std::string_view bytes) const { send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    void Send(std::string_view bytes) const { kv::test::SendText(socket_, bytes); }
 
     /// What arrives until the connection ends, or until a text is there.
     std::string Read(const std::string& until = "") const {
         std::string text;
         std::array<char, 4096> part;
         while (until.empty() || text.find(until) == std::string::npos) {
-            const ssize_t size = recv(socket_, part.data(), part.size(), 0);
-            if (size <= 0) break;
-            text.append(part.data(), static_cast<std::size_t>(size));
+            const std::size_t size = kv::test::ReceiveBytes(socket_, part.data(), part.size());
+            if (size == 0) break;
+            text.append(part.data(), size);
         }
         return text;
     }
 
   private:
-    int socket_;
+    kv::test::Socket socket_;
 };
 
 constexpr const char* uploadHead = "POST /servlets/FileCollector?AGENTKEY=K1&FILENAME=a.zip HTTP/1.1\r\nHost: x\r\n";

@@ -171,13 +171,6 @@ class PageInBrowser : public Lab {
         }
     }
 
-    /// The texts of a statement's first column, a line each.
-    std::string Sql(const std::string& sql) {
-        std::string lines;
-        for (Statement rows(*store.database, sql); rows.Step();) lines += rows.text(0) + "\n";
-        return lines;
-    }
-
     Browser browser;
 };
 
@@ -221,29 +214,6 @@ TEST_F(PageInBrowser, ColoursWhatFailed) {
                 << path << (dark ? " in the dark" : "");
         }
     }
-}
-
-TEST_F(PageInBrowser, ShowsWhatTheDatabaseHolds) {
-    FillTheLab();
-    browser.Open(Address("/"));
-    EXPECT_EQ(
-        browser.RunText(R"(return [...document.querySelectorAll('.tile b')].map(e => e.textContent + '\n').join(''))"),
-        Sql("SELECT (SELECT count(*) FROM agent) || ' / ' || (SELECT count(*) FROM agent) UNION ALL "
-            "SELECT count(DISTINCT device) FROM source WHERE device <> '' UNION ALL "
-            "SELECT count(*) FROM record UNION ALL SELECT sum(failed) FROM source UNION ALL "
-            "SELECT CAST(round(100.0 * sum(failed) / count(*)) AS INTEGER) || ' %' FROM record"));
-    EXPECT_EQ(browser.RunText(R"(return [...document.querySelectorAll('a.value:not([href*=member\\=\\.])')].map(e =>
-                  [...e.querySelectorAll('div')].map(part => part.textContent).join(' ').replaceAll(' B', '') + '\n')
-                  .sort().join(''))"),
-              Sql("SELECT substr(s.member, instr(s.member, ' ') + 1) || ' ' || substr(s.member, 1, "
-                  "instr(s.member, ' ') - 1) || '· ' || src.agent || ' · ' || src.name || ' ' || CAST(x.number AS "
-                  "INTEGER) || "
-                  "' min ' || CAST(a.low AS INTEGER) || ' · max ' || CAST(a.high AS INTEGER) FROM series s "
-                  "JOIN source src ON src.number = s.source JOIN (SELECT series, min(number) AS low, "
-                  "max(number) AS high, max(time) AS newest FROM sample GROUP BY series) a ON a.series = s.number "
-                  "JOIN sample x ON x.series = s.number AND x.time = a.newest WHERE src.device = '' ORDER BY 1"));
-    EXPECT_EQ(browser.RunText(R"(return document.querySelector('a.value[href*=member\\=\\.] .now').textContent)"),
-              "100 B/s");
 }
 
 TEST_F(PageInBrowser, IsFreshAndKeepsWhatTheReaderHasOpened) {

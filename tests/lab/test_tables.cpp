@@ -53,11 +53,8 @@ TEST(Tables, WriteEachCellInEachForm) {
 }
 
 TEST(Scopes, SayThemselvesInAQuery) {
-    const struct {
-        const char* title;
-        std::multimap<std::string, std::string> parameters;
-        const char* query;
-    } rows[] = {
+    using Parameters = std::multimap<std::string, std::string>;
+    const std::tuple<const char*, Parameters, const char*> rows[] = {
         {"nothing", {}, ""},
         {"all",
          {{"range", "1w"}, {"agent", "LAB1"}, {"device", "S 1"}, {"name", "a&b=c"}, {"failed", "1"}},
@@ -67,16 +64,14 @@ TEST(Scopes, SayThemselvesInAQuery) {
          {{"device", "(the agent itself)"}, {"name", "(unnamed record)"}},
          "?device=%28the%20agent%20itself%29&name=%28unnamed%20record%29"},
     };
-    for (const auto& row : rows) {
+    const auto scopeOf = [](const Parameters& parameters) {
         ServletRequest request;
-        request.query = row.parameters;
-        EXPECT_EQ(ScopeQuery(ScopeOf(request, 1000)), row.query) << row.title;
-    }
-    ServletRequest request;
-    request.query = {{"range", "2y"}};
-    EXPECT_THROW(ScopeOf(request, 1000), BadRequest);
-    request.query = {{"name", std::string(unnamedRecord)}, {"range", "1h"}};
-    const Scope scope = ScopeOf(request, 3'700'000);
+        request.query = parameters;
+        return ScopeOf(request, 3'700'000);
+    };
+    for (const auto& [title, parameters, query] : rows) EXPECT_EQ(ScopeQuery(scopeOf(parameters)), query) << title;
+    EXPECT_THROW(scopeOf({{"range", "2y"}}), BadRequest);
+    const Scope scope = scopeOf({{"name", std::string(unnamedRecord)}, {"range", "1h"}});
     EXPECT_EQ(scope.range.from, 100'000);
     EXPECT_EQ(scope.filter.name, "") << "of records without a name";
     EXPECT_EQ(scope.filter.device, std::nullopt) << "of all devices";
