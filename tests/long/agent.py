@@ -5,13 +5,16 @@ import json
 import mmap
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
 import struct
 import subprocess
+import threading
 import time
-import zipfile
+
+from server import AGENT_KEY, download, unzipped
 
 KEY = r"Software\Halvorine\Kestrova\KVAgent"
 PROGRAMS = pathlib.Path(os.environ.get("KV_LONG_PROGRAMS", pathlib.Path(__file__).parents[2] / "build/release/bin"))
@@ -23,7 +26,9 @@ SECOND = 1_000_000_000
 
 SCRIPT = """#!/bin/sh
 read -r id </proc/sys/kernel/random/uuid
-printf '{ "AGENTKEY": "%s", "DATACOLLECTTIME": "%s", "ERRORMSG": "NO ERROR", "%s": [ { "Id": "%s" } ] }' "$1" "$3" "$2" "$id"
+printf '{ "AGENTKEY": "%s", "DATACOLLECTTIME": "%s", "ERRORMSG": "NO ERROR", "%s": [ { "Id": "%s' "$1" "$3" "$2" "$id"
+PADDING
+printf '" } ] }'
 """
 
 
@@ -90,7 +95,7 @@ def plan(*workflows):
 class Agent:
     """An install tree below `folder`/agent. Its settings and files last from one start to the next."""
 
-    def __init__(self, folder, port, rate=120, key="LONG1", settings=None):
+    def __init__(self, folder, port, rate=120, settings=None):
         self.folder = pathlib.Path(folder)
         self.tree = self.folder / "agent"
         self.monitoring = self.tree / "monitoring"
@@ -107,11 +112,14 @@ class Agent:
                     "ServerInfo": {"KVServerName": "localhost", "KVServerFlatName": "--", "KVServerIPAddress": "127.0.0.1",
                                    "KVServerSecIPAddress": "--", "KVLastAccessName": "127.0.0.1",
                                    "KVServerSecurePort": str(port), "KVServerProtocol": "http"},
-                    "Monitoring": {"MonitoringAgentKey": key, "MasterAgent": "YES", "RequestAvailable": "NO",
+                    "Monitoring": {"MonitoringAgentKey": AGENT_KEY, "MasterAgent": "YES", "RequestAvailable": "NO",
                                    "RequestID": "NONE", "writeInterval": 1}})
-        for place, values in (settings or {}).items():
-            self.store({place: values})
-        self.write_script("id.sh", SCRIPT)
+        self.store(settings or {})
+        self.write_script("id.sh", SCRIPT.replace("PADDING", ""))
+        self.is_up = threading.Event()
+        self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.manager.bind(str(self.folder / "notify"))
+        threading.Thread(target=self._hear, daemon=True).start()
 
     def store(self, settings):
         for place, values in settings.items():
@@ -130,32 +138,47 @@ class Agent:
             raise RuntimeError(f"{program} {' '.join(arguments)}: {done.stderr.strip()}")
         return done.stdout
 
-    def write_plan(self, plan_bytes):
-        (self.monitoring / "conf/queryconf.txt").write_bytes(plan_bytes)
+    def plan(self, name="queryconf.txt"):
+        """The bytes of the plan in use, or of another plan in its folder; null if it is absent."""
+        file = self.monitoring / "conf" / name
+        return file.read_bytes() if file.is_file() else None
+
+    def write_plan(self, content):
+        (self.monitoring / "conf/queryconf.txt").write_bytes(content)
 
     def write_script(self, name, text):
         path = self.monitoring / "conf/scripts" / name
         path.write_text(text)
         path.chmod(0o700)
 
+    def write_big_script(self, padding):
+        """big.sh, whose record is large by what a command prints."""
+        self.write_script("big.sh", SCRIPT.replace("PADDING", padding))
+
     def ask(self, server, *requests):
         """Orders requests, and says in the registry that they wait."""
         server.order(*requests)
         self.store({"Monitoring": {"RequestAvailable": "YES"}})
 
-    def start(self, as_service=False):
+    def ask_for_plan(self, server, content):
+        self.ask(server, download(server.offer_plan(content)))
+
+    def start(self):
+        """As the service manager does."""
+        self.is_up.clear()
         environment = {**self.environment, "LD_PRELOAD": str(PROGRAMS / "kv_long_shim.so"),
                        "KV_LONG_CONTROL": str(self.control.path), "KV_LONG_ROOT": f"{self.tree}/",
-                       "KV_LONG_WITNESS": str(self.witness)}
-        if as_service:
-            self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-            address = self.folder / "notify"
-            address.unlink(missing_ok=True)
-            self.manager.bind(str(address))
-            environment |= {"NOTIFY_SOCKET": str(address), "INVOCATION_ID": "0" * 32}
+                       "KV_LONG_WITNESS": str(self.witness), "NOTIFY_SOCKET": self.manager.getsockname(),
+                       "INVOCATION_ID": "0" * 32}
         with open(self.folder / "output", "ab") as output:
-            self.process = subprocess.Popen([PROGRAMS / "MonitoringAgent", *([] if as_service else ["/t"])],
-                                            env=environment, stdout=output, stderr=output, cwd=self.folder)
+            self.process = subprocess.Popen([PROGRAMS / "MonitoringAgent"], env=environment, stdout=output, stderr=output,
+                                            cwd=self.folder)
+
+    def _hear(self):
+        """A manager that does not read would hold up the agent."""
+        while message := self.manager.recv(4096):
+            if b"READY=1" in message:
+                self.is_up.set()
 
     def is_running(self):
         return self.process is not None and self.process.poll() is None
@@ -165,31 +188,58 @@ class Agent:
             self.process.kill()
             self.process.wait()
 
-    def stop(self, patience=60):
-        """Stops it as the service manager does; its exit code."""
+    def stop(self):
+        """Stops it as the service manager does, which waits until it is up: before that SIGTERM ends it at once."""
+        self.until(self.is_up.is_set, "its word that it is up")
         self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(patience)
+        if (code := self.process.wait(120)) != 0:
+            raise Broken(f"the agent stopped with {code}; {self.last_words()}")
 
     def remove(self):
         self.kill()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def log(self):
-        logs = self.monitoring / "logs"
-        return "".join(file.read_text("utf-8", "replace") for file in sorted(logs.glob("agent*.log"))) if logs.exists() else ""
+        return "".join(file.read_text("utf-8", "replace") for file in sorted(self.monitoring.glob("logs/agent*.log")))
+
+    def last_words(self):
+        return f"its log ends:\n{self.log()[-1500:]}\nand its output:\n{(self.folder / 'output').read_text('utf-8', 'replace')[-500:]}"
+
+    def status(self, name):
+        """A number of /proc/PID/status."""
+        text = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1])
+
+    def usage(self):
+        """Resident MiB, descriptors and threads."""
+        return self.status("VmRSS") / 1024, len(os.listdir(f"/proc/{self.process.pid}/fd")), self.status("Threads")
 
     def virtual(self, seconds):
-        """Lets so many seconds of the fast clock pass."""
+        """Lets so many seconds of the fast clock pass, which the agent survives."""
         time.sleep(seconds / self.control.rate)
+        self.see_running()
 
-    def until(self, condition, patience=30, what="what was waited for"):
-        """Waits in real seconds."""
-        end = time.monotonic() + patience
+    def see_running(self):
+        if not self.is_running():
+            raise Broken(f"the agent ended with {self.process.returncode}; {self.last_words()}")
+
+    def until(self, condition, what, patience=30):
+        """Waits, and tells how many seconds of the fast clock that took. Of its real seconds only the share counts that a
+        busy machine leaves to each program."""
+        begin, counted = self.control.wall(), 0
         while not condition():
-            if time.monotonic() > end:
-                raise Broken(f"{what} did not come in {patience} s; the log ends:\n{self.log()[-1500:]}\n"
-                             f"and its output:\n{(self.folder / 'output').read_text('utf-8', 'replace')[-500:]}")
+            self.see_running()
+            if counted > patience:
+                raise Broken(f"{what} did not come in {patience} s; {self.last_words()}")
             time.sleep(0.02)
+            counted += 0.02 * min(1, os.cpu_count() / max(os.getloadavg()[0], 0.1))
+        return self.control.wall() - begin
+
+    def goes_on(self, server, when, patience=30):
+        """Sees a record become complete and an upload be accepted; the seconds of the fast clock until then."""
+        records, uploads = len(os.listdir(self.witness)), server.uploads
+        return self.until(lambda: len(os.listdir(self.witness)) > records and server.uploads > uploads,
+                          f"a record and an upload {when}", patience)
 
     def witnessed(self):
         """Name -> the sha256s of the contents that it had when it was complete."""
@@ -205,10 +255,8 @@ class Agent:
         for path in self.data.glob("*.txt"):
             found.setdefault(path.name, set()).add(hashlib.sha256(path.read_bytes()).hexdigest())
         for path in self.zipdata.glob("*.zip"):
-            with zipfile.ZipFile(path) as archive:
-                for name in archive.namelist():
-                    digest = hashlib.sha256(archive.read(name)).hexdigest()
-                    found.setdefault(name.rpartition("/")[2], set()).add(digest)
+            for name, content in unzipped(path).items():
+                found.setdefault(name, set()).add(hashlib.sha256(content).hexdigest())
         return found
 
     def vouch(self, server):
@@ -234,6 +282,6 @@ def settle(agent, server, patience=60):
     agent.control.relent()
     agent.write_plan(plan())
     agent.start()
-    agent.until(lambda: not any((*agent.data.glob("*.txt"), *agent.zipdata.glob("*.zip"))), patience, "an empty queue")
+    agent.until(lambda: not any((*agent.data.glob("*.txt"), *agent.zipdata.glob("*.zip"))), "an empty queue", patience)
     agent.kill()
     return agent.vouch(server)

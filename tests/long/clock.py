@@ -1,12 +1,10 @@
 """Sets the clock back and forth, runs through the ends of its counts, and suspends the machine: records and uploads go on."""
 
 import calendar
-import pathlib
 import signal
 import time
 
-import agent as long_agent
-from agent import SECOND, Agent, Broken, plan, script, workflow
+from agent import SECOND, Agent, Broken, plan, script, settle, workflow
 from server import Server
 
 MINUTE, HOUR, DAY, YEAR = 60, 3600, 86400, 31_557_600
@@ -17,7 +15,6 @@ MOMENTS = {
     "February of 2100": calendar.timegm((2100, 2, 28, 24, 0, 0)), "the year 2038": calendar.timegm((2038, 1, 1, 0, 0, 0)),
     "a leap day": calendar.timegm((2028, 2, 29, 24, 0, 0)), "the epoch": MINUTE + 1,
 }
-PATIENCE = 20  # real seconds, 40 minutes of the agent's clock
 
 
 class Watch:
@@ -31,11 +28,7 @@ class Watch:
 
     def goes_on(self, what):
         """Sees a record and an upload come."""
-        agent, start = self.agent, time.monotonic()
-        records, zips = len(agent.witnessed()), sum(self.server.zips.values())
-        agent.until(lambda: len(agent.witnessed()) > records and sum(self.server.zips.values()) > zips, PATIENCE,
-                    f"a record and an upload after {what}")
-        self.worst = max(self.worst, (time.monotonic() - start) * agent.control.rate / MINUTE)
+        self.worst = max(self.worst, self.agent.goes_on(self.server, f"after {what}") / MINUTE)
 
     def set_to(self, moment):
         self.agent.control.turn(moment - self.agent.control.wall())
@@ -57,7 +50,7 @@ class Watch:
             self.set_to(moment - MINUTE)
             self.agent.start()
             self.goes_on(f"a start before {name}")
-            self.agent.until(lambda: self.agent.control.wall() > moment + MINUTE, what="the moment")
+            self.agent.until(lambda: self.agent.control.wall() > moment + MINUTE, "the moment")
             self.goes_on(name)
             self.agent.kill()
         self.set_to(time.time())
@@ -83,17 +76,13 @@ class Watch:
 
 
 def run(seed, quick, folder):
-    watch = Watch(pathlib.Path(folder) / "clock")
-    try:
-        for part in (watch.steps, watch.moments, watch.sleep):
-            part()
-            watch.agent.vouch(watch.server)
-        records, twice = long_agent.settle(watch.agent, watch.server)
-    finally:
-        watch.agent.remove()
-        watch.server.close()
-    return {"title": "Clocks", "lines": [
+    watch = Watch(folder / "clock")
+    for part in (watch.steps, watch.moments, watch.sleep):
+        part()
+        watch.agent.vouch(watch.server)
+    records, twice = settle(watch.agent, watch.server)
+    return [
         f"{len(STEPS)} steps of the clock by 1 second to 30 years, back and forth, with starts before the times of its own files; "
         f"{len(MOMENTS)} moments run through ({', '.join(MOMENTS)}); SIGSTOP, and sleep of 1 hour, 8 hours and 20 days",
         f"a record and an upload came after each within {watch.worst:.1f} minutes of its clock (the plan has one a minute); "
-        f"{records} records, 0 lost, {twice} came twice"]}
+        f"{records} records, 0 lost, {twice} came twice"]

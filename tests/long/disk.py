@@ -1,6 +1,7 @@
 """A disk that is full, nearly full, without inodes, read-only, slow, over its quota, or fails: the agent lives, goes on by
 itself once the disk is well, its plan and registry are old or new, and each record that was complete arrives."""
 
+import contextlib
 import errno
 import os
 import pathlib
@@ -9,11 +10,10 @@ import signal
 import subprocess
 import time
 
-import agent as long_agent
 from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES, Agent, Broken,
-                   plan, script, workflow)
-from kill import BIG
-from server import Server
+                   settle)
+from kill import plan_number
+from server import AGENT_KEY, Server
 
 ROUNDS = 300
 ROUNDS_OF_A_TREE = 15
@@ -47,29 +47,15 @@ class Disk:
 
     def fill(self, left):
         """Takes all room but so many bytes."""
-        (self.place / "filler").touch()
-        with open(self.place / "filler", "wb", buffering=0) as filler:
-            try:
-                while True:
-                    filler.write(bytes(4096))
-            except OSError as full:
-                if full.errno != errno.ENOSPC:
-                    raise
-        if left:
-            os.truncate(self.place / "filler", max(0, os.path.getsize(self.place / "filler") - left))
+        filler = self.place / "filler"
+        subprocess.run(["dd", "if=/dev/zero", f"of={filler}", "bs=4096"], stderr=subprocess.DEVNULL)  # until it is full
+        os.truncate(filler, max(0, filler.stat().st_size - left))
 
     def take_inodes(self, left):
         (self.place / "inodes").mkdir()
-        taken = []
-        try:
-            while True:
-                taken.append(self.place / "inodes" / str(len(taken)))
-                taken[-1].touch()
-        except OSError as full:
-            if full.errno != errno.ENOSPC:
-                raise
-        for path in taken[:left]:
-            path.unlink(missing_ok=True)
+        with contextlib.suppress(OSError):  # the agent took one meanwhile
+            for number in range(os.statvfs(self.place).f_favail - left):
+                (self.place / "inodes" / str(number)).touch()
 
     def remount(self, how):
         subprocess.run(["mount", "-o", f"remount,{how}", self.place], check=True)
@@ -140,27 +126,20 @@ class Tree:
         self.disk = Disk(folder, slowed)
         self.server = server
         self.agent = Agent(folder, server.port, settings={"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 5}})
-        self.agent.write_script("big.sh", BIG)
-        self.plans = [self.plan_bytes(0)]
+        self.agent.write_big_script("head -c 150000 /dev/zero | tr '\\0' x")
+        self.plans = [plan_number(0)]
         self.agent.write_plan(self.plans[0])
         self.agent.start()
-        self.agent.until(self.agent.witnessed, 20, "a first record")
-
-    @staticmethod
-    def plan_bytes(number):
-        return plan(workflow(f"w{number}", [script("One"), script("Big", "big.sh"), script("Two")]))
+        self.agent.until(self.agent.witnessed, "a first record")
 
     def order_plan(self):
-        self.plans.append(self.plan_bytes(len(self.plans)))
-        self.agent.ask(self.server, {"AGENT_REQUEST_ID": "1", "REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "LONG1",
-                                     "DOWNLOAD_URL": self.server.offer_plan(self.plans[-1])})
+        self.plans.append(plan_number(len(self.plans)))
+        self.agent.ask_for_plan(self.server, self.plans[-1])
 
     def suffer(self, fault, chance):
         """The fault for up to four minutes of the agent's clock, which one in ten times is stopped in the midst of it."""
         fault(self, chance)
         self.agent.virtual(chance.uniform(30, 240))
-        if not self.agent.is_running():
-            raise Broken(f"the agent ended with {self.agent.process.returncode}")
         self.check("while it lasts")
         if chance.random() < 0.1:
             self.agent.kill()
@@ -170,62 +149,47 @@ class Tree:
         self.disk.heal()
         if not self.agent.is_running():
             self.agent.start()
-        before = sum(self.server.zips.values())
-        records = len(self.agent.witnessed())
-        self.agent.until(lambda: sum(self.server.zips.values()) > before and len(self.agent.witnessed()) > records, 20,
-                         "a record and an upload on the disk that is well again")
+        self.agent.goes_on(self.server, "on the disk that is well again")
         self.check("once it is over")
         kept = [self.agent.setting("ServerInfo", "KVServerSecurePort"), self.agent.setting("Monitoring", "MonitoringAgentKey")]
-        if kept != [str(self.server.port), "LONG1"]:
+        if kept != [str(self.server.port), AGENT_KEY]:
             raise Broken(f"the registry has {kept}")
 
     def check(self, when):
         self.agent.process.send_signal(signal.SIGSTOP)
         try:
-            in_use = self.agent.monitoring / "conf/queryconf.txt"
-            if in_use.read_bytes() not in self.plans:
+            if self.agent.plan() not in self.plans:
                 raise Broken(f"the plan is neither old nor new {when}")
             self.agent.vouch(self.server)
         finally:
             self.agent.process.send_signal(signal.SIGCONT)
 
-    def close(self):
-        self.agent.kill()
-        self.disk.close()
-        self.agent.remove()
-
 
 def run(seed, quick, folder):
     rounds = ROUNDS // (20 if quick else 1)
     has_fuse = os.access("/dev/fuse", os.R_OK | os.W_OK)
-    counts = dict.fromkeys(FAULTS, 0)
     records = twice = 0
     for start in range(0, rounds, ROUNDS_OF_A_TREE):
         chance = random.Random(f"{seed}/{start}")
-        server = Server()
-        slowed = has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0
-        tree = Tree(pathlib.Path(folder) / f"disk-{start}", server, slowed)
-        try:
-            for round_ in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
-                fault = FAULTS[round_ % len(FAULTS)]
-                try:
-                    if chance.random() < 0.3:
-                        tree.order_plan()
-                    tree.suffer(fault, chance)
-                    tree.recover()
-                except Broken as broken:
-                    raise Broken(f"disk, seed {seed}, round {round_}, {fault.__name__}: {broken}")
-                counts[fault] += 1
-            settled = long_agent.settle(tree.agent, server)
-            records, twice = records + settled[0], twice + settled[1]
-        finally:
-            tree.close()
-            server.close()
-    return {"title": "Disks", "lines": [
-        f"{sum(counts.values())} rounds: " + ", ".join(f"{fault.__name__.replace('_', ' ')} {count}"
-                                                       for fault, count in counts.items()),
+        tree = Tree(folder / f"disk-{start}", Server(), has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0)
+        for round_ in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
+            fault = FAULTS[round_ % len(FAULTS)]
+            try:
+                if chance.random() < 0.3:
+                    tree.order_plan()
+                tree.suffer(fault, chance)
+                tree.recover()
+            except Broken as broken:
+                raise Broken(f"round {round_}, {fault.__name__}: {broken}")
+        settled = settle(tree.agent, tree.server)
+        records, twice = records + settled[0], twice + settled[1]
+        tree.server.close()
+        tree.disk.close()
+        tree.agent.remove()
+    return [
+        f"{rounds} rounds of {', '.join(fault.__name__.replace('_', ' ') for fault in FAULTS)} in turn",
         "full, without inodes and read-only from the start are a real file system of 6 MiB; "
         f"{'half of the slow ones are a real one of FUSE; ' if has_fuse else ''}"
         "the others, quota, half a write and EIO come from the preloaded library, operation by operation",
         f"the agent lived and went on by itself in each; {records} records were complete, 0 lost; {twice} came twice; plan and "
-        "registry were old or new"]}
+        "registry were old or new"]

@@ -9,6 +9,7 @@ build/long/report.md, and with --docs into docs/reliability.md, too. The exit co
 
 import argparse
 import concurrent.futures
+import contextlib
 import datetime
 import importlib
 import json
@@ -20,6 +21,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import traceback
 
@@ -36,7 +38,7 @@ def parse(arguments):
     parser.add_argument("--seed", type=int, default=int(time.time()) % 1_000_000, help="repeats a run")
     parser.add_argument("--quick", action="store_true", help="a twentieth of each drill")
     parser.add_argument("--docs", action="store_true", help="also puts the report into docs/reliability.md")
-    parser.add_argument("--alone", metavar="FILE", help=argparse.SUPPRESS)  # runs one drill here; its result goes to FILE
+    parser.add_argument("--alone", metavar="FOLDER", help=argparse.SUPPRESS)  # runs one drill in this process and folder
     options = parser.parse_args(arguments)
     if unknown := [name for name in options.drills if name not in DRILLS]:
         parser.error(f"unknown drill {unknown[0]}; there are {', '.join(DRILLS)}")
@@ -44,37 +46,43 @@ def parse(arguments):
 
 
 def run_here(name, options):
-    """Runs a drill in this process and writes its result; 1 if it fails."""
-    folder = tempfile.mkdtemp(prefix="kvlong-")
+    """Runs a drill in this process, which a fault of the drill in any thread ends, and writes down its lines."""
+    def end(failure):
+        threading.__excepthook__(failure)
+        os._exit(3)
+
+    threading.excepthook = end
+    folder = pathlib.Path(options.alone)
     try:
-        result = importlib.import_module(name).run(options.seed, options.quick, folder)
-    except KeyboardInterrupt:
-        return 130
-    except Exception as failure:  # also a fault of the drill itself
-        told = str(failure) if type(failure).__name__ == "Broken" else traceback.format_exc()
-        result = {"title": name, "failure": told}
-    finally:
-        shutil.rmtree(folder, ignore_errors=True)
-    pathlib.Path(options.alone).write_text(json.dumps(result))
-    return 1 if "failure" in result else 0
+        result = {"lines": importlib.import_module(name).run(options.seed, options.quick, folder)}
+    except Exception as failure:
+        is_broken = type(failure).__name__ == "Broken"
+        result = {"failure": f"seed {options.seed}: {failure}" if is_broken else traceback.format_exc()}
+    (folder / "result.json").write_text(json.dumps(result))
 
 
 def run_apart(name, options):
-    """Runs a drill in a process of its own; its result, with the seconds it took."""
-    file = OUTPUT / f"{name}.json"
-    file.unlink(missing_ok=True)
-    command = [sys.executable, __file__, name, "--seed", str(options.seed), "--alone", str(file)]
-    if options.quick:
-        command.append("--quick")
-    if name in MOUNTS:
-        command = ["unshare", "--mount", *([] if os.geteuid() == 0 else ["--user", "--map-root-user"]), *command]
+    """Runs a drill in a process group of its own, and ends whatever it leaves behind; its result, with the seconds it took."""
     start = time.monotonic()
-    running[name] = subprocess.Popen(command, stdin=subprocess.DEVNULL)
-    ended = running[name].wait()
-    result = json.loads(file.read_text()) if file.exists() else {"title": name, "failure": f"ended with {ended}"}
-    result["seconds"] = time.monotonic() - start
+    with tempfile.TemporaryDirectory(prefix="kvlong-", ignore_cleanup_errors=True) as folder:
+        command = [sys.executable, __file__, name, "--seed", str(options.seed), "--alone", folder]
+        if options.quick:
+            command.append("--quick")
+        if name in MOUNTS:
+            command = ["unshare", "--mount", *([] if os.geteuid() == 0 else ["--user", "--map-root-user"]), *command]
+        running[name] = subprocess.Popen(command, stdin=subprocess.DEVNULL, start_new_session=True)
+        ended = running[name].wait()
+        kill(running.pop(name))
+        file = pathlib.Path(folder) / "result.json"
+        result = json.loads(file.read_text()) if file.exists() else {"failure": f"the drill ended with {ended}"}
+    result |= {"title": name.capitalize(), "seconds": time.monotonic() - start}
     print(f"{name}: {'FAILED' if 'failure' in result else 'passed'} after {result['seconds']:.0f} s", flush=True)
     return result
+
+
+def kill(drill):
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(drill.pid, signal.SIGKILL)
 
 
 def report(results, options, seconds):
@@ -87,7 +95,7 @@ def report(results, options, seconds):
              f"{os.cpu_count()} cores, Linux {platform.release().split('-')[0]}, {seconds / 60:.0f} minutes.", ""]
     for result in results:
         lines += [f"**{result['title']}** ({result['seconds']:.0f} s)", ""]
-        lines += [f"- {line}" for line in result.get("lines", ["FAILED: " + result.get("failure", "")])] + [""]
+        lines += [f"- {line}" for line in result.get("lines") or ["FAILED: " + result["failure"]]] + [""]
     return "\n".join(lines)
 
 
@@ -102,10 +110,9 @@ def put_into_docs(text):
 
 def main():
     options = parse(sys.argv[1:])
-    for ending in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(ending, signal.default_int_handler)
     if options.alone:
         return run_here(options.drills[0], options)
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     OUTPUT.mkdir(parents=True, exist_ok=True)
     drills = options.drills or DRILLS
     print(f"The long gate, seed {options.seed}: {', '.join(drills)}", flush=True)
@@ -115,8 +122,8 @@ def main():
             results = list(pool.map(lambda name: run_apart(name, options), drills))
         except KeyboardInterrupt:
             pool.shutdown(wait=False, cancel_futures=True)
-            for drill in running.values():
-                drill.terminate()
+            for drill in list(running.values()):
+                kill(drill)
             return 130
     text = report(results, options, time.monotonic() - start)
     (OUTPUT / "report.md").write_text(text)

@@ -1,24 +1,76 @@
 """The central server of the long gate: its servlets on a loopback port, with faults, and what it has accepted."""
 
+import contextlib
 import hashlib
 import io
+import json
+import re
 import socket
 import struct
 import threading
+import time
 import urllib.parse
 import zipfile
 
-SERVLETS = ("RegisterAgent", "FileCollector", "StatusUpdateServlet", "DataAgentHandlerServlet", "Configuration")
+AGENT_KEY = "LONG1"
+KINDS = {"RegisterAgent": "register", "FileCollector": "upload", "StatusUpdateServlet": "status",
+         "DataAgentHandlerServlet": "list", "Configuration": "plan"}
 
 
 class Request:
-    """What arrived: `servlet` is the last word of the path, `query` has the last value of each parameter."""
+    """What arrived on a connection of its own. Its body is read when it is first asked for."""
 
-    def __init__(self, method, target, headers, body):
-        path, _, query = target.partition("?")
-        self.method, self.target, self.headers, self.body = method, target, headers, body
-        self.servlet = next((name for name in SERVLETS if name in path), path)
+    def __init__(self, server, connection):
+        self.server, self.connection, self.stream = server, connection, connection.makefile("rb")
+        head = iter(lambda: self.stream.readline().decode("latin-1").strip(), "")
+        line = next(head, "").split()
+        if len(line) != 3:
+            raise ConnectionError("the agent went away")
+        self.method, self.target, _ = line
+        path, _, query = self.target.partition("?")
         self.query = dict(urllib.parse.parse_qsl(query, keep_blank_values=True))
+        self.kind = next((kind for name, kind in KINDS.items() if name in path), path)
+        if self.kind == "list" and self.method == "POST":
+            self.kind = "answer"
+        elif self.kind == "list" and "action" in self.query:
+            self.kind = "notice"
+        length = re.search(r"^content-length: *(\d+)", "\n".join(head), re.I | re.M)
+        self.left = int(length[1]) if length else 0  # of the body
+        self.taken = b""
+
+    def take(self, size):
+        """Reads on, at most so many bytes."""
+        piece = self.stream.read(min(size, self.left))
+        if len(piece) < min(size, self.left):
+            raise ConnectionError("the agent broke off")
+        self.taken += piece
+        self.left -= len(piece)
+
+    @property
+    def body(self):
+        self.take(self.left)
+        return self.taken
+
+    def send(self, *pieces, pause=0):
+        """With so many seconds after each."""
+        for piece in pieces:
+            self.connection.sendall(piece)
+            time.sleep(pause)
+
+    def end(self):
+        """Lets the agent have all that was sent."""
+        self.connection.shutdown(socket.SHUT_WR)
+        while self.connection.recv(65536):
+            pass
+
+    def reset(self):
+        """Ends the connection by RST, as a machine that lost its memory does."""
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.close()
+
+    def close(self):
+        self.stream.close()
+        self.connection.close()
 
 
 def answer(status=200, body=b"", headers=(), reason="OK"):
@@ -26,7 +78,7 @@ def answer(status=200, body=b"", headers=(), reason="OK"):
     return ("\r\n".join(lines + [f"{name}: {value}" for name, value in headers]) + "\r\n\r\n").encode() + body
 
 
-def zip_of(members):
+def zipped(members):
     """The bytes of a zip with these names and contents."""
     target = io.BytesIO()
     with zipfile.ZipFile(target, "w", zipfile.ZIP_DEFLATED) as archive:
@@ -35,26 +87,47 @@ def zip_of(members):
     return target.getvalue()
 
 
-class Server:
-    """Serves until close(). `fault` is called as fault(server, connection, request) for each request; it returns True if it
-    has dealt with it, also by accepting it and answering badly. Everything here may be read from any thread."""
+def unzipped(file):
+    """The contents of a zip by their names without folders."""
+    with zipfile.ZipFile(file) as archive:
+        return {name.rpartition("/")[2]: archive.read(name) for name in archive.namelist()}
 
-    def __init__(self, key="LONG1", port=0, host="127.0.0.1"):
-        self.key = key
+
+def download(path, number=1, key=AGENT_KEY):
+    """A request for an agent."""
+    return {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": str(number), "AGENT_KEY": key, "DOWNLOAD_URL": path}
+
+
+def test_monitor(number=1):
+    return {"REQUEST_TYPE": "TEST_MONITOR", "AGENT_REQUEST_ID": str(number), "RESPONSE_NEEDED": "YES", "MONITOR_NAME": "Asked",
+            "WMIQUERY": "SELECT Name FROM Win32_ComputerSystem"}
+
+
+class Server:
+    """Serves until close(). `fault` is called as fault(request) for each request; it returns True if it has dealt with it,
+    also by accepting it and answering badly. Everything here may be read from any thread."""
+
+    def __init__(self):
         self.fault = None
         self.snmp_timeout = 5  # seconds
         self.lock = threading.Lock()
         self.records = {}      # name -> {sha256 of the content: how often it came}
         self.zips = {}         # FILENAME -> how often it came
-        self.refused = []      # uploads that are not a whole zip
-        self.seen = []         # (servlet, query) of each request
+        self.uploads = 0       # that were accepted
+        self.seen = []         # (kind, query) of each request
+        self.answered = set()  # requestIds
         self.requests = []     # the list for the next question
         self.plans = {}        # path -> bytes of a zip
-        self.answers = []      # what was posted to the servlet of requests
-        self.listener = socket.create_server((host, port), backlog=512)
+        self.port = 0
+        self.open()
+
+    def open(self):
+        """Listens. Its small buffers leave no room to a large upload that is not read."""
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=512)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 17)
         self.port = self.listener.getsockname()[1]
         self.is_open = True
-        threading.Thread(target=self._accept, daemon=True).start()
+        threading.Thread(target=self._accept, args=(self.listener,), daemon=True).start()
 
     def close(self):
         self.is_open = False
@@ -66,97 +139,65 @@ class Server:
         with self.lock:
             self.requests += requests
 
-    def offer_plan(self, plan):
-        """The path of a new plan, whose zip it serves."""
+    def offer(self, archive):
+        """The path of an archive."""
         with self.lock:
             path = f"/servlets/Configuration/{len(self.plans) + 1}"
-            self.plans[path] = zip_of({"queryconf.txt": plan})
+            self.plans[path] = archive
         return path
 
-    def count(self, servlet):
-        with self.lock:
-            return sum(name == servlet for name, _ in self.seen)
+    def offer_plan(self, plan):
+        return self.offer(zipped({"queryconf.txt": plan}))
 
-    def _accept(self):
-        while self.is_open:
-            try:
-                connection, _ = self.listener.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+    def count(self, kind, **query):
+        """How many requests came of a kind, with these values in their query."""
+        with self.lock:
+            return sum(one == kind and query.items() <= values.items() for one, values in self.seen)
+
+    def _accept(self, listener):
+        with contextlib.suppress(OSError):  # it is closed
+            while True:
+                threading.Thread(target=self._serve, args=listener.accept()[:1], daemon=True).start()
 
     def _serve(self, connection):
         connection.settimeout(20)
-        try:
-            with connection:
-                request = self._read(connection)
-                if request is None:
-                    return
-                with self.lock:
-                    self.seen.append((request.servlet, request.query))
-                if self.fault is None or not self.fault(self, connection, request):
-                    connection.sendall(self.respond(request))
-        except OSError:
-            pass  # the agent went away, as it does when it is killed
-
-    @staticmethod
-    def _read(connection):
-        stream = connection.makefile("rb")
-        line = stream.readline(65536).decode("latin-1").split()
-        if len(line) != 3:
-            return None
-        headers = {}
-        while (field := stream.readline(65536).decode("latin-1").strip()) != "":
-            name, _, value = field.partition(":")
-            headers[name.lower()] = value.strip()
-        length = int(headers.get("content-length", 0))
-        body = stream.read(length)
-        return Request(line[0], line[1], headers, body) if len(body) == length else None
+        with contextlib.suppress(OSError), connection:  # the agent went away, as it does when it is killed
+            request = Request(self, connection)
+            with self.lock:
+                self.seen.append((request.kind, request.query))
+            if self.fault is None or not self.fault(request):
+                request.send(self.respond(request))
 
     def respond(self, request):
         """The honest answer, with what it does to the server."""
-        if request.servlet == "RegisterAgent":
-            return answer(headers=(("timeDiff", 0), ("AgentKey", self.key), ("AgentRun", 1), ("SNMPTimeout", self.snmp_timeout)))
-        if request.servlet == "FileCollector":
+        body = request.body
+        if request.kind == "register":
+            return answer(headers=(("timeDiff", 0), ("AgentKey", AGENT_KEY), ("AgentRun", 1), ("SNMPTimeout", self.snmp_timeout)))
+        if request.kind == "upload":
             return answer() if self.accept(request) else answer(400, reason="Bad Request")
-        if request.servlet == "DataAgentHandlerServlet":
-            return answer(body=self._serve_requests(request))
-        if request.servlet == "Configuration":
+        if request.kind == "list":
+            with self.lock:
+                listed, self.requests = self.requests, []
+            return answer(body=json.dumps({"RequestList": listed}).encode("utf-16-le") if listed else b"")
+        if request.kind == "plan":
             plan = self.plans.get(request.target)
             return answer(404, reason="Not Found") if plan is None else answer(body=plan)
+        if request.kind == "answer":
+            self.answered.add(request.query.get("requestId"))
         return answer()
 
-    def _serve_requests(self, request):
-        with self.lock:
-            if request.method == "POST":
-                self.answers.append((request.query, request.body))
-            if request.method == "POST" or "action" in request.query or not self.requests:
-                return b""
-            members = [", ".join(f'"{name}": "{value}"' for name, value in one.items()) for one in self.requests]
-            self.requests = []
-        return ('{ "RequestList": [ { ' + " }, { ".join(members) + " } ] }").encode("utf-16-le")
-
-    def accept(self, request, times=1):
-        """Takes the records of an upload; False, and nothing is taken, if it is not a whole zip. A server that only says
-        that it has them takes them zero times."""
+    def accept(self, request):
+        """Takes the records of an upload; False, and nothing is taken, if it is not a whole zip."""
         try:
-            with zipfile.ZipFile(io.BytesIO(request.body)) as archive:
-                contents = {name.rpartition("/")[2]: archive.read(name) for name in archive.namelist()}
-        except (zipfile.BadZipFile, EOFError) as error:
-            with self.lock:
-                self.refused.append((request.query.get("FILENAME"), str(error)))
+            contents = unzipped(io.BytesIO(request.body))
+        except (zipfile.BadZipFile, EOFError):
             return False
         with self.lock:
             name = request.query.get("FILENAME")
+            self.uploads += 1
             self.zips[name] = self.zips.get(name, 0) + 1
             for record, content in contents.items():
                 copies = self.records.setdefault(record, {})
                 digest = hashlib.sha256(content).hexdigest()
-                copies[digest] = copies.get(digest, 0) + times
+                copies[digest] = copies.get(digest, 0) + 1
         return True
-
-
-def reset(connection):
-    """Ends a connection by RST, as a machine that lost its memory does."""
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    connection.close()
