@@ -109,7 +109,7 @@ platform::Error Post(std::size_t size, OptionalText* response, bool keepAlive) {
     const platform::Error result =
         AgentSendRequest({}, 0, url, {.body = body}, response, RequestKind::REQUEST_POST_BINARY, size, keepAlive);
     Server().CountUnread();
-    Require(result != platform::error::success || Server().received > size);
+    Require(result != platform::error::success || Server().receivedBody() >= size);
     return result;
 }
 

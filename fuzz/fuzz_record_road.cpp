@@ -1,8 +1,8 @@
 // What a script prints, on its way to a record that the lab reads: converted into a record file, packed, unpacked by
 // two readers, parsed.
 //
-// The first byte picks how: bit 0 that the script's host prints UTF-16LE, bit 1 that the rest is repeated until it
-// fills more than one block, the others the size of the pieces in which the conversion is done a second time.
+// The first byte picks how: bit 0 that the script's host prints UTF-16LE, the others the size of the pieces in which
+// the conversion is done a second time. With the greatest size the rest is repeated until it fills more than one block.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -83,6 +83,7 @@ class ScriptedServer {
             connection_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
             answer_ = answers_.empty() ? ScriptedAnswer() : answers_[std::min(used_++, answers_.size() - 1)];
             nextPiece_ = sentOfPiece_ = received = sent = 0;
+            head_.clear();
         }
         errno = reason;
         return result;
@@ -116,7 +117,16 @@ class ScriptedServer {
     /// Counts what has come and was not read.
     void CountUnread() {
         int unread = 0;
-        if (isConnected() && ioctl(connection_, FIONREAD, &unread) == 0) received += static_cast<std::size_t>(unread);
+        char buffer[bufferBytes];
+        if (!isConnected() || ioctl(connection_, FIONREAD, &unread) != 0) return;
+        KeepHead(buffer, recv(connection_, buffer, sizeof buffer, MSG_PEEK | MSG_DONTWAIT));
+        received += static_cast<std::size_t>(unread);
+    }
+
+    /// How much of what was received is behind the head of the request; 0 while that has not come.
+    std::size_t receivedBody() const {
+        const std::size_t end = head_.find("\r\n\r\n");
+        return end == std::string::npos ? 0 : received - (end + 4);
     }
 
   private:
@@ -132,10 +142,17 @@ class ScriptedServer {
     bool Read() {
         char buffer[16384];
         ssize_t count = 0;
-        while ((count = recv(connection_, buffer, sizeof buffer, 0)) > 0) received += static_cast<std::size_t>(count);
+        while ((count = recv(connection_, buffer, sizeof buffer, 0)) > 0) {
+            KeepHead(buffer, count);
+            received += static_cast<std::size_t>(count);
+        }
         if (count < 0 && errno == EAGAIN) return true;
         Close();
         return false;
+    }
+
+    void KeepHead(const char* bytes, ssize_t count) {
+        if (count > 0 && head_.size() < bufferBytes) head_.append(bytes, static_cast<std::size_t>(count));
     }
 
     void Send() {
@@ -164,6 +181,7 @@ class ScriptedServer {
     bool impatient_ = false;
     bool deaf_ = false;
     std::size_t used_ = 0;  // of the answers
+    std::string head_;      // what the last connection has received first, the request's head within it
     ScriptedAnswer answer_;
     std::size_t nextPiece_ = 0;
     std::size_t sentOfPiece_ = 0;
