@@ -27,22 +27,16 @@ bool Has(Byte set, std::size_t index) { return (set >> index & 1) != 0; }
 void Remove(Byte& set, std::size_t index) { set = static_cast<Byte>(set & ~(1U << index)); }
 std::size_t Count(Byte set) { return static_cast<std::size_t>(std::popcount(set)); }
 
-template <class Items, class Predicate>
-Byte Where(const Items& items, Predicate holds) {
+template <class Items, class Member, class Value>
+Byte Where(const Items& items, Member member, Value value) {
     unsigned set = 0;
-    for (std::size_t i = 0; i < items.size(); ++i) set |= (holds(items[i]) ? 1U : 0U) << i;
+    for (std::size_t i = 0; i < items.size(); ++i) set |= (items[i].*member == value ? 1U : 0U) << i;
     return static_cast<Byte>(set);
 }
 
-Byte Records(const State& state, RecordPhase phase) {
-    return Where(state.records, [phase](auto& record) { return record.phase == phase; });
-}
-Byte Zips(const State& state, ZipPhase phase) {
-    return Where(state.zips, [phase](auto& zip) { return zip.phase == phase; });
-}
-Byte InData(const State& state) {
-    return Where(state.records, [](auto& record) { return record.isInData != 0; });
-}
+Byte Records(const State& state, RecordPhase phase) { return Where(state.records, &Record::phase, phase); }
+Byte Zips(const State& state, ZipPhase phase) { return Where(state.zips, &Zip::phase, phase); }
+Byte InData(const State& state) { return Where(state.records, &Record::isInData, 1); }
 Byte BeingWritten(const State& state) {
     return Records(state, RecordPhase::numbered) | Records(state, RecordPhase::written);
 }
@@ -63,50 +57,24 @@ Byte HighestNumber(const Items& items, Byte set) {
 template <class Items>
 void TakeNumber(Byte& number, const Items& items, Byte set) {
     do ++number;
-    while ((set & Where(items, [number](auto& item) { return item.number == number; })) != 0);
+    while ((set & Where(items, &Items::value_type::number, number)) != 0);
 }
 
 // ---- the start
 
-void LoadPlanAndGoUp(State& state) {
-    state.loadedPlan = state.plan;
-    state.starter = Starter::up;
-}
-
-void RaiseZipNumber(State& state) {
-    const Byte highest = HighestNumber(state.zips, Zips(state, ZipPhase::closed));
-    if (highest <= state.zipNumber) return LoadPlanAndGoUp(state);
-    state.zipNumber = highest;
-    state.starter = Starter::storingZipNumber;
-}
-
-void BeginStart(State& state, Fault fault) {
-    state.starter = Starter::deletingUnfinished;
-    if (Records(state, RecordPhase::abandoned) != 0 && fault != Fault::unfinishedRecordStays) return;
-    state.recordNumber = state.storedRecordNumber;
-    state.zipNumber = state.storedZipNumber;
-    const Byte highest = HighestNumber(state.records, InData(state));
-    if (highest <= state.recordNumber) return RaiseZipNumber(state);
-    state.recordNumber = highest;
-    state.starter = Starter::storingRecordNumber;
-}
-
 void StepStarter(State& state, Fault fault) {
-    switch (state.starter) {
-        case Starter::deletingUnfinished:
-            state.records[First(Records(state, RecordPhase::abandoned))].phase = RecordPhase::gone;
-            [[fallthrough]];
-        case Starter::down:
-            return BeginStart(state, fault);
-        case Starter::storingRecordNumber:
-            state.storedRecordNumber = state.recordNumber;
-            return RaiseZipNumber(state);
-        case Starter::storingZipNumber:
-            state.storedZipNumber = state.zipNumber;
-            return LoadPlanAndGoUp(state);
-        case Starter::up:
-            return;
-    }
+    const Byte abandoned = Records(state, RecordPhase::abandoned);
+    if (state.starter == Starter::deletingUnfinished) state.records[First(abandoned)].phase = RecordPhase::gone;
+    if (state.starter == Starter::storingRecordNumber) state.storedRecordNumber = state.recordNumber;
+    if (state.starter == Starter::storingZipNumber) state.storedZipNumber = state.zipNumber;
+    state.recordNumber = std::max(state.storedRecordNumber, HighestNumber(state.records, InData(state)));
+    state.zipNumber = std::max(state.storedZipNumber, HighestNumber(state.zips, Zips(state, ZipPhase::closed)));
+    const bool isLeft = Records(state, RecordPhase::abandoned) != 0 && fault != Fault::unfinishedRecordStays;
+    state.starter = isLeft                                          ? Starter::deletingUnfinished
+                    : state.recordNumber > state.storedRecordNumber ? Starter::storingRecordNumber
+                    : state.zipNumber > state.storedZipNumber       ? Starter::storingZipNumber
+                                                                    : Starter::up;
+    if (state.starter == Starter::up) state.loadedPlan = state.plan;
 }
 
 // ---- the writer
@@ -152,13 +120,11 @@ void WakeUp(State& state, Fault fault) {
     state.uploader = Uploader::deletingUnfinished;
 }
 
-void DeleteRecord(State& state, Uploader next) {
+void DeleteRecord(State& state) {
     const std::size_t first = First(state.batch);
     state.records[first].isInData = 0;
     Remove(state.batch, first);
-    if (state.batch != 0) return;
-    state.uploader = next;
-    if (next == Uploader::sending) BeginSending(state);
+    if (state.batch == 0) BeginSending(state);
 }
 
 void Arrive(State& state, const Zip& zip) {
@@ -179,7 +145,6 @@ void Send(State& state, Answer answer, Fault fault) {
 }
 
 void StepUploader(State& state, Answer answer, Fault fault) {
-    const bool deletesEarly = fault == Fault::recordsDeletedBeforeZipIsNamed;
     switch (state.uploader) {
         case Uploader::asleep:
             return WakeUp(state, fault);
@@ -196,15 +161,15 @@ void StepUploader(State& state, Answer answer, Fault fault) {
             return;
         case Uploader::making:
             state.zips[ZipsBegun(state)] = {ZipPhase::unfinished, state.zipNumber, state.batch};
-            state.uploader = deletesEarly ? Uploader::deletingRecords : Uploader::naming;
+            if (fault == Fault::recordDeletedBeforeZipIsNamed) state.records[First(state.batch)].isInData = 0;
+            state.uploader = Uploader::naming;
             return;
         case Uploader::naming:
             state.zips[ZipsBegun(state) - 1].phase = ZipPhase::closed;
             state.uploader = Uploader::deletingRecords;
-            if (deletesEarly) BeginSending(state);
             return;
         case Uploader::deletingRecords:
-            return DeleteRecord(state, deletesEarly ? Uploader::naming : Uploader::sending);
+            return DeleteRecord(state);
         case Uploader::sending:
             return Send(state, answer, fault);
         case Uploader::deletingZip:
@@ -289,8 +254,8 @@ const char* BrokenPromise(const State& state) {
     for (const Zip& zip : state.zips)
         if (zip.phase == ZipPhase::closed) zipped |= zip.records;
     const Byte complete = Records(state, RecordPhase::complete);
-    const Byte arrived = Where(state.records, [](auto& record) { return record.atServer > 0; });
-    if ((complete & ~(InData(state) | zipped | arrived)) != 0) return "a complete record is lost";
+    const Byte notAtServer = Where(state.records, &Record::atServer, 0);
+    if ((complete & notAtServer & ~(InData(state) | zipped)) != 0) return "a complete record is lost";
     if (isUp && Records(state, RecordPhase::abandoned) != 0) return "half a record of an earlier run stays";
     if (hasTwins(state.records, complete)) return "two complete records have one number";
     if (hasTwins(state.zips, static_cast<Byte>(~Zips(state, ZipPhase::none)))) return "two zips have one number";
@@ -359,41 +324,29 @@ std::size_t RecordsBegun(const State& state) { return mostRecords - Count(Record
 
 std::vector<Step> NextSteps(const State& state, const Limits& limits) {
     std::vector<Step> steps;
-    if (state.starter != Starter::up) {
-        steps.push_back({Actor::starter});
-    } else {
-        if (BeingWritten(state) != 0 || RecordsBegun(state) < limits.records) steps.push_back({Actor::writer});
-        if (state.uploader == Uploader::sending)
-            for (Answer answer : {Answer::accepts, Answer::takesWithoutAnswer, Answer::refuses, Answer::away})
-                steps.push_back({Actor::uploader, answer});
-        else if (state.uploader != Uploader::asleep || ZipsBegun(state) < limits.zips || InData(state) == 0)
-            steps.push_back({Actor::uploader});
-        if (state.planner != Planner::idle || state.plansServed < limits.plans) steps.push_back({Actor::planner});
-        if (state.planner == Planner::idle && state.plansServed < limits.plans)
-            steps.push_back({Actor::planner, Answer::away});
+    const auto add = [&steps](bool isPossible, Step step) {
+        if (isPossible) steps.push_back(step);
+    };
+    const bool isUp = state.starter == Starter::up, isIdle = state.planner == Planner::idle;
+    const bool mayGoOn = state.uploader != Uploader::asleep || ZipsBegun(state) < limits.zips || InData(state) == 0;
+    add(!isUp, {Actor::starter});
+    add(isUp && (BeingWritten(state) != 0 || RecordsBegun(state) < limits.records), {Actor::writer});
+    for (const Answer answer : {Answer::accepts, Answer::takesWithoutAnswer, Answer::refuses, Answer::away}) {
+        const bool isFirst = answer == Answer::accepts, isOfPlan = isFirst || answer == Answer::away;
+        add(isUp && mayGoOn && (isFirst || state.uploader == Uploader::sending), {Actor::uploader, answer});
+        add(isUp && (isIdle ? isOfPlan && state.plansServed < limits.plans : isFirst), {Actor::planner, answer});
     }
-    if (state.starter != Starter::down && state.crashes < limits.crashes) steps.push_back({Actor::crash});
+    add(state.starter != Starter::down && state.crashes < limits.crashes, {Actor::crash});
     return steps;
 }
 
 State After(const State& state, Step step, const Limits& limits) {
     State next = state;
-    switch (step.actor) {
-        case Actor::starter:
-            StepStarter(next, limits.fault);
-            break;
-        case Actor::writer:
-            StepWriter(next);
-            break;
-        case Actor::uploader:
-            StepUploader(next, step.answer, limits.fault);
-            break;
-        case Actor::planner:
-            StepPlanner(next, step.answer, limits.fault);
-            break;
-        case Actor::crash:
-            Crash(next);
-    }
+    if (step.actor == Actor::starter) StepStarter(next, limits.fault);
+    if (step.actor == Actor::writer) StepWriter(next);
+    if (step.actor == Actor::uploader) StepUploader(next, step.answer, limits.fault);
+    if (step.actor == Actor::planner) StepPlanner(next, step.answer, limits.fault);
+    if (step.actor == Actor::crash) Crash(next);
     return next;
 }
 

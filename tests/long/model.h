@@ -23,7 +23,7 @@ inline constexpr std::size_t mostZips = 7;
 /// An order of steps that the agent must not have, to see that the invariants notice it.
 enum class Fault : Byte {
     none,
-    recordsDeletedBeforeZipIsNamed,
+    recordDeletedBeforeZipIsNamed,
     recordNumberNotStored,
     zipNumberNotStored,
     zipDeletedWithoutAnswer,

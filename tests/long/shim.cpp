@@ -177,39 +177,36 @@ ssize_t Written(int descriptor, size_t size, Write write) {
     return Do(fault == writesHalf ? fails : fault, [&] { return write(size); });
 }
 
-/// A copy of a record that is about to get its final name, under a name that is given up unless it gets it.
-class Witness {
-  public:
-    Witness(const char* from, std::string_view to) {
-        const std::size_t name = to.rfind('/');
-        if (!IsRoots(from) || name == std::string_view::npos || !to.ends_with(".txt")) return;
-        const std::string_view folder = to.substr(0, name);
-        if (folder != "data" && !folder.ends_with("/data")) return;
-        static std::atomic<int> copies{0};
-        copy_ = witness + std::string(to.substr(name)) + "." + std::to_string(getpid()) + "." +
-                std::to_string(copies.fetch_add(1));
-        std::error_code error;
-        if (std::filesystem::copy_file(from, copy_ + ".part", error)) return;
-        copy_.clear();
-        if (error == std::errc::no_such_file_or_directory) return;  // the renaming fails, too
-        fprintf(stderr, "the record %s cannot be copied: %s\n", from, error.message().c_str());
+/// The name for a copy of a record that is about to get its final name; empty for another file.
+std::string CopyName(const char* from, std::string_view to) {
+    const std::size_t name = to.rfind('/');
+    if (!IsRoots(from) || name == std::string_view::npos || !to.ends_with(".txt")) return "";
+    const std::string_view folder = to.substr(0, name);
+    if (folder != "data" && !folder.ends_with("/data")) return "";
+    static std::atomic<int> copies{0};
+    return witness + std::string(to.substr(name)) + "." + std::to_string(getpid()) + "." +
+           std::to_string(copies.fetch_add(1));
+}
+
+/// Keeps a copy of a record that has got its final name.
+template <class Rename>
+int RenamedBeforeWitness(const char* from, const std::string& copy, Rename rename) {
+    const std::string part = copy + ".part";
+    std::error_code error;
+    std::filesystem::copy_file(from, part, error);
+    const int result = rename();
+    if (result == 0 && (error || ::rename(part.c_str(), copy.c_str()) != 0)) {
+        fprintf(stderr, "the record %s is not copied: %s\n", from, error.message().c_str());
         abort();
     }
-    void Keep() const {
-        if (!copy_.empty()) rename((copy_ + ".part").c_str(), copy_.c_str());
-    }
-
-  private:
-    std::string copy_;
-};
+    return result;
+}
 
 template <class Rename>
 int Renamed(const char* from, const char* to, Rename rename) {
     return Do(Strike(renames, IsRoots(to)), [&] {
-        const Witness copy(from, to);
-        const int result = rename();
-        if (result == 0) copy.Keep();
-        return result;
+        const std::string copy = CopyName(from, to);
+        return copy.empty() ? rename() : RenamedBeforeWitness(from, copy, rename);
     });
 }
 

@@ -109,8 +109,6 @@ void StopBefore(bool step) {
     if (Thread::current) Thread::current->Stop(step);
 }
 
-std::u16string RecordText(int index) { return u"{\"record\":" + DecimalText(index) + u"}"; }
-
 void RunStarter() {
     StopBefore(true);
     RemoveUnfinishedRecordFiles();
@@ -121,8 +119,8 @@ void RunStarter() {
 [[noreturn]] void RunWriter() {
     for (;;) {
         StopBefore(true);
-        const int index = threads.recordsBegun++;
-        WriteRecordFile(PrepareDataDirectory("RunWriter"), {.name = u"record", .source = u"query"}, RecordText(index));
+        const std::u16string text = DecimalText(threads.recordsBegun++);
+        WriteRecordFile(PrepareDataDirectory("RunWriter"), {.name = u"record", .source = u"query"}, text);
     }
 }
 
@@ -173,12 +171,7 @@ void InstallStops() {
     clock.onSleep = [](std::uint32_t) { StopBefore(true); };
 }
 
-std::string RecordIn(std::string_view bytes) {
-    const std::u16string text = TextFromUtf16LittleEndian(bytes);
-    for (int index = 0; index < static_cast<int>(model::mostRecords); ++index)
-        if (text == RecordText(index)) return std::to_string(index);
-    return "damaged";
-}
+std::string RecordIn(std::string_view bytes) { return platform::Utf8FromWide(TextFromUtf16LittleEndian(bytes)); }
 
 /// Each file of a zip with what it holds.
 std::set<std::string> RecordsInZip(const fs::path& path) {

@@ -36,7 +36,7 @@ TEST(Model, KeepsItsPromiseInEveryState) {
 
 TEST(Model, NoticesEachOrderThatBreaksThePromise) {
     const std::pair<Fault, const char*> rows[] = {
-        {Fault::recordsDeletedBeforeZipIsNamed, "a complete record is lost"},
+        {Fault::recordDeletedBeforeZipIsNamed, "a complete record is lost"},
         {Fault::recordNumberNotStored, "two complete records have one number"},
         {Fault::zipNumberNotStored, "two zips have one number"},
         {Fault::zipDeletedWithoutAnswer, "a complete record is lost"},
