@@ -9,6 +9,12 @@ namespace kv::test {
 
 using namespace platform;
 
+std::string OutcomeText(WmiStatus status, std::size_t rows, const std::vector<std::string>& notices) {
+    std::string text = fmt::format("{:08x} {}", status, rows);
+    for (const std::string& notice : notices) text += " " + notice;
+    return text;
+}
+
 std::string VariantText(const Variant& value) {
     const auto isOf = [&value](auto... types) { return ((value.type == types) || ...); };
     if (isOf(VariantType::null)) return "NULL";

@@ -27,6 +27,12 @@ struct WmiResult {
     std::string refusal;               // of TakeRefusal
 };
 
+/// "80041004 0 notice notice": the status, how many rows there are, and the notices.
+std::string OutcomeText(platform::WmiStatus status, std::size_t rows, const std::vector<std::string>& notices);
+inline std::string Outcome(const WmiResult& result) {
+    return OutcomeText(result.status, result.rows.size(), result.notices);
+}
+
 /// A number in decimal, "true" or "false", the text itself in UTF-8, "NULL", or the elements of an array in brackets.
 std::string VariantText(const platform::Variant& value);
 

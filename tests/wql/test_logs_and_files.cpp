@@ -1,7 +1,6 @@
 // Win32_NTLogEvent and Win32_NTEventlogFile over journals that systemd-journal-remote writes, against journalctl;
 // CIM_DataFile against find and stat.
 #include <fmt/format.h>
-#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -14,19 +13,14 @@
 #include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/test_folder.h"
-#include "tests/support/wmi_query.h"
-#include "wql/class_tree.h"
 #include "wql/classes/storage/data_files.h"
 #include "wql/classes/system/event_log.h"
-#include "wql/query.h"
 
 namespace kv::test {
 namespace {
 
 using namespace wql;
-using platform::Utf8FromWide;
-using platform::WideFromUtf8;
+namespace fs = std::filesystem;
 
 constexpr std::int64_t start = 1795564800;  // seconds: 2026-11-25T00:00:00Z
 
@@ -55,36 +49,11 @@ std::string ManyEntries(int first, int count, const std::string& name, const cha
 
 std::vector<std::string> folders;  // of the journal that the class reads
 
-/// Runs a query whose class has another gather.
-WmiResult Ask(
-    const std::string& query,
-    GatherRoutine gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); },
-    std::string_view className = {}) {
-    BoundQuery bound;
-    WmiResult result;
-    result.status = BindText(query, bound);
-    if (IsFailure(result.status)) return result;
-    const auto part = std::find_if(bound.parts.begin(), bound.parts.end(), [className](const ClassQuery& one) {
-        return className.empty() || one.classInfo->name == WideFromUtf8(className);
-    });
-    ClassInfo replaced = *part->classInfo;
-    replaced.gather = gather;
-    if (bound.named == part->classInfo) bound.named = &replaced;
-    part->classInfo = &replaced;
-    const auto add = [&result](const ResultObject& object) {
-        WmiRow& row = result.rows.emplace_back();
-        for (const auto& [name, value] : object) row[Utf8FromWide(name)] = {value.type, VariantText(value)};
-    };
-    result.status = RunQuery(
-        bound, {add, [] { return true; }, [&result](const std::string& text) { result.notices.push_back(text); }});
-    return result;
-}
+WmiStatus GatherFolders(const Gathering& gathering) { return GatherEvents(gathering, folders); }
 
-/// The status and notices of a query for the newest entry.
-std::string Outcome(const WmiResult& result) {
-    std::string text = fmt::format("{:08x} {}", result.status, result.rows.size());
-    for (const std::string& notice : result.notices) text += " " + notice;
-    return text;
+/// The entries that a condition selects.
+Gathered Events(const std::string& where, const char* names = "RecordNumber", GatherRoutine gather = GatherFolders) {
+    return GatherTexts(u"Win32_NTLogEvent", names, gather, where.empty() ? "" : "WHERE " + where);
 }
 
 class EventLog : public TestFolder {
@@ -97,20 +66,18 @@ class EventLog : public TestFolder {
 
     void WriteJournal(const std::string& name, const std::string& text) const {
         Write(folder / "export", text);
-        std::filesystem::create_directories(journal());
+        fs::create_directories(journal());
         const ShellOutcome outcome =
             RunShell(fmt::format("/lib/systemd/systemd-journal-remote --output={}/{}.journal {} 2>&1", journal(), name,
                                  (folder / "export").string()));
         ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
     }
 
-    /// The values of properties, a line for each row.
-    static std::string Rows(const std::string& properties, const std::string& where) {
+    /// The values of a property, without a line end behind the last.
+    static std::string Rows(const char* property, const std::string& where) {
         std::string text;
-        const WmiResult result =
-            Ask("SELECT " + properties + " FROM Win32_NTLogEvent" + (where.empty() ? "" : " WHERE " + where));
-        EXPECT_EQ(result.status, wmi_status::ok) << where;
-        for (const WmiRow& row : result.rows) text += (text.empty() ? "" : "\n") + PropertyTexts(row, properties);
+        for (const std::string& value : Events(where, property).objects)
+            text += (text.empty() ? "" : "\n") + value.substr(0, value.size() - 1);
         return text;
     }
 
@@ -177,7 +144,8 @@ TEST_F(EventLog, FindsTimesAfterARestartInThePast) {
     EXPECT_EQ(Rows("Message", "TimeWritten>'20261125001000.000000+000' AND EventType>0"), "e\nb\na");
     EXPECT_EQ(Rows("Message", "TimeGenerated<'20261125001000.000000+000'"), "d\nc");
     EXPECT_EQ(Rows("Message", "TimeWritten='20261125001640.000000+000'"), "a");
-    EXPECT_EQ(Rows("Logfile,EventType", "RecordNumber=5"), "Application 3") << "as the matches for it see it";
+    EXPECT_EQ(LinesOf(Events("RecordNumber=5", "Logfile EventType")), "Application|3|\n")
+        << "as the matches for it see it";
 }
 
 TEST_F(EventLog, HasThePropertiesOfEntries) {
@@ -191,23 +159,21 @@ TEST_F(EventLog, HasThePropertiesOfEntries) {
             Entry(4, "_COMM=own\nMESSAGE_ID=x\nPRIORITY=x\n" + BinaryMessage(std::string("a\0b\xFF\n c", 7))) +
             Entry(5, "_SOURCE_REALTIME_TIMESTAMP=99999999999999999999\nPRIORITY=4\nMESSAGE=") +
             Entry(6, "PRIORITY=6\nMESSAGE=" + std::string(100000, 'x')));
-    const std::string properties =
-        "Logfile,EventType,Type,SourceName,EventIdentifier,EventCode,User,ComputerName,TimeGenerated,TimeWritten,"
+    constexpr const char* names =
+        "Logfile EventType Type SourceName EventIdentifier EventCode User ComputerName TimeGenerated TimeWritten "
         "Message";
     const std::string own = RunShell("hostname -s").output;
-    EXPECT_EQ(Rows(properties, "RecordNumber<6 AND RecordNumber>0"),
-              "Application 2 Warning NULL 0 0 NULL " + own +
-                  " 20261125000005.000000+000 20261125000005.000000+000 \n"
-                  "Application 3 Information own 0 0 NULL " +
-                  own +
-                  " 20261125000004.000000+000 20261125000004.000000+000 a\uFFFDb\uFFFD\n c\n"
-                  "System 2 Warning systemd 0 0 " +
-                  own + "\\4000000 " + own +
-                  " 20261125000003.000000+000 20261125000003.000000+000 failed\n"
-                  "Security 3 Information sshd 972371065 13433 " +
-                  own + "\\root " + own +
-                  " 20261125000001.250000+000 20261125000002.000000+000 opened\n"
-                  "System 1 Error kernel 0 0 NULL box 20261125000001.000000+000 20261125000001.000000+000 disk died");
+    const auto times = [](const char* generated, const char* written) {
+        return fmt::format("|20261125{}+000|20261125{}+000|", generated, written);
+    };
+    const std::string lines =
+        "Application|2|Warning|NULL|0|0|NULL|" + own + times("000005.000000", "000005.000000") +
+        "|\nApplication|3|Information|own|0|0|NULL|" + own + times("000004.000000", "000004.000000") +
+        "a\uFFFDb\uFFFD\n c|\nSystem|2|Warning|systemd|0|0|" + own + "\\4000000|" + own +
+        times("000003.000000", "000003.000000") + "failed|\nSecurity|3|Information|sshd|972371065|13433|" + own +
+        "\\root|" + own + times("000001.250000", "000002.000000") + "opened|\nSystem|1|Error|kernel|0|0|NULL|box" +
+        times("000001.000000", "000001.000000") + "disk died|\n";
+    EXPECT_EQ(LinesOf(Events("RecordNumber<6 AND RecordNumber>0", names)), lines);
     EXPECT_EQ(Rows("Message", "RecordNumber=6"), std::string(facts::maxJournalField, 'x'));
 }
 
@@ -216,18 +182,17 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
     WriteJournal("user-1000", ManyEntries(50, 1, "b"));
     for (const auto& [where, rows] : std::initializer_list<std::pair<std::string, std::size_t>>{
              {"", 1000},
-             {" WHERE RecordNumber<=1050 OR RecordNumber=7", 1000},
-             {" WHERE RecordNumber>1050", 50},
-             {" WHERE RecordNumber>=0", 1101},
-             {" WHERE EventType=1", 553},
-             {" WHERE Logfile='Application'", 825},
-             {" WHERE NOT (TimeWritten<'20200101000000.000000+000' OR EventType=9)", 1101},
-             {" WHERE (TimeWritten>'20200101000000.000000+000' OR EventType=1) AND (RecordNumber>0 OR EventType=2)",
-              1101},
-             {" WHERE EventType<4 OR RecordNumber>1000", 1000},
-             {" WHERE TimeWritten>'20200101000000.000000+000' OR RecordNumber>1000", 1101}}) {
-        const WmiResult result = Ask("SELECT * FROM Win32_NTLogEvent" + where);
-        EXPECT_EQ(result.rows.size(), rows) << where;
+             {"RecordNumber<=1050 OR RecordNumber=7", 1000},
+             {"RecordNumber>1050", 50},
+             {"RecordNumber>=0", 1101},
+             {"EventType=1", 553},
+             {"Logfile='Application'", 825},
+             {"NOT (TimeWritten<'20200101000000.000000+000' OR EventType=9)", 1101},
+             {"(TimeWritten>'20200101000000.000000+000' OR EventType=1) AND (RecordNumber>0 OR EventType=2)", 1101},
+             {"EventType<4 OR RecordNumber>1000", 1000},
+             {"TimeWritten>'20200101000000.000000+000' OR RecordNumber>1000", 1101}}) {
+        const Gathered result = Events(where);
+        EXPECT_EQ(result.objects.size(), rows) << where;
         EXPECT_EQ(result.notices.size(), rows == 1000 ? 1u : 0u) << where;
     }
     WriteJournal("large", [] {
@@ -236,77 +201,74 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
             text += Entry(2000 + i, "PRIORITY=3\nMESSAGE=" + std::string(32000, 'x') + std::to_string(i));
         return text;
     }());
-    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0");
-    EXPECT_LT(result.rows.size(), 1100u);
-    ASSERT_EQ(result.notices.size(), 1u);
-    EXPECT_THAT(result.notices[0],
-                testing::HasSubstr("before record " + PropertyText(result.rows.back(), "RecordNumber")));
-    EXPECT_EQ(Outcome(Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0 AND SourceName='a'")),
-              "00000000 1100")
+    const Gathered result = Events("RecordNumber>0");
+    EXPECT_LT(result.objects.size(), 1100u);
+    const std::string last = result.objects.back();
+    EXPECT_THAT(result.notices,
+                testing::ElementsAre(testing::HasSubstr("before record " + last.substr(0, last.size() - 1))));
+    EXPECT_EQ(Outcome(Events("RecordNumber>0 AND SourceName='a'")), "00000000 1100")
         << "rows that WHERE drops take no room";
 }
 
 TEST_F(EventLog, IsReadForALimitedTime) {
     WriteJournal("system", ManyEntries(0, 10, "a"));
-    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent", [](const Gathering& gathering) {
+    const auto hurried = [](const Gathering& gathering) {
         return GatherEvents(gathering, folders, std::chrono::milliseconds(-1));
-    });
-    EXPECT_THAT(Outcome(result), testing::StartsWith("00000000 0 The journal was read for"));
+    };
+    EXPECT_THAT(Outcome(Events("", "RecordNumber", hurried)),
+                testing::StartsWith("00000000 0 The journal was read for"));
     // The newest entry is of System.
     const auto abandoned = [](const Gathering& gathering) {
         Gathering impatient = gathering;
         impatient.wantsMore = [] { return false; };
         return GatherEvents(impatient, folders);
     };
-    const std::string ofApplication = "SELECT * FROM Win32_NTLogEvent WHERE Logfile='Application'";
-    EXPECT_EQ(Outcome(Ask(ofApplication)), "00000000 5");
-    EXPECT_EQ(Outcome(Ask(ofApplication, abandoned)), "00000000 0");
+    EXPECT_EQ(Outcome(Events("Logfile='Application'")), "00000000 5");
+    EXPECT_EQ(Outcome(Events("Logfile='Application'", "RecordNumber", abandoned)), "00000000 0");
 }
 
 TEST_F(EventLog, AFileThatIsCutOffWhileItIsReadGivesWhatWasReadBefore) {
     WriteJournal("system", ManyEntries(0, 2000, "a"));
-    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0", [](auto& gathering) {
+    const Gathered result = Events("RecordNumber>0", "RecordNumber", [](const Gathering& gathering) {
         Gathering cutting = gathering;
         cutting.row = [&gathering](const void* row) {
-            std::filesystem::resize_file(folders[1] + "/system.journal", 4096);
+            fs::resize_file(folders[1] + "/system.journal", 4096);
             return gathering.row(row);
         };
         return GatherEvents(cutting, folders);
     });
-    EXPECT_GE(result.rows.size(), 1u);
-    EXPECT_LT(result.rows.size(), 2000u);
+    EXPECT_THAT(result.objects.size(), testing::AllOf(testing::Ge(1u), testing::Lt(2000u)));
     EXPECT_THAT(Outcome(result), testing::MatchesRegex("00000000 .* Parts of .*/system.journal: Input/output error"));
 }
 
 TEST_F(EventLog, OpensAQuarterOfTheFilesThatAProcessMay) {
     WriteJournal("system", ManyEntries(0, 3, "a"));
     for (int at = 0; at < 21; ++at)
-        std::filesystem::copy(journal() + "/system.journal", fmt::format("{}/{}.journal", journal(), at));
+        fs::copy(journal() + "/system.journal", fmt::format("{}/{}.journal", journal(), at));
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit lower{80, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
-    const std::string outcome = Outcome(Ask("SELECT RecordNumber FROM Win32_NTLogEvent"));
+    const std::string outcome = Outcome(Events(""));
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_THAT(outcome, testing::StartsWith("00000000 3 The 2 oldest of 22 files of the journal were not read"));
 }
 
 TEST_F(EventLog, SaysWhatItCannotSee) {
-    const std::string query = "SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0";
-    EXPECT_THAT(Outcome(Ask(query)), testing::StartsWith("80041004 0 There is no journal"));
-    std::filesystem::create_symlink("missing", folders[0]);
-    EXPECT_THAT(Outcome(Ask(query)), testing::MatchesRegex("80041004 0 Parts .*/missing: Too many levels.*"));
-    std::filesystem::remove(folders[0]);
+    EXPECT_THAT(Outcome(Events("RecordNumber>0")), testing::StartsWith("80041004 0 There is no journal"));
+    fs::create_symlink("missing", folders[0]);
+    EXPECT_THAT(Outcome(Events("RecordNumber>0")),
+                testing::MatchesRegex("80041004 0 Parts .*/missing: Too many levels.*"));
+    fs::remove(folders[0]);
     WriteJournal("good", ManyEntries(0, 3, "a"));
     Write(folder / "journal/garbage.journal", std::string(5000, 'x'));
-    EXPECT_THAT(Outcome(Ask(query)),
+    EXPECT_THAT(Outcome(Events("RecordNumber>0")),
                 testing::MatchesRegex("00000000 3 Parts .* 1 in all; the first: .*garbage.journal: .*"));
     // Another user may read no file, then not even the folder.
     const auto outcomeAsNobody = [&] {
         const Nobody nobody;
-        return Outcome(Ask(query));
+        return Outcome(Events("RecordNumber>0"));
     };
-    namespace fs = std::filesystem;
     fs::permissions(folder, fs::perms(0755));
     fs::permissions(folder / "journal/good.journal", fs::perms::none);
     EXPECT_THAT(outcomeAsNobody(), testing::StartsWith("80041003 0 1 of 2 files of the journal may not be read"));
@@ -319,16 +281,16 @@ TEST_F(EventLog, SaysWhatItCannotSee) {
 TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
     WriteJournal("whole", ManyEntries(0, 2000, "a"));
     const std::string whole = Read(folder / "journal/whole.journal");
-    std::filesystem::remove(folder / "journal/whole.journal");
+    fs::remove(folder / "journal/whole.journal");
     std::size_t losses = 0;
     for (std::size_t at = 0; at < whole.size() / 2; at += whole.size() / 25) {
         std::string bytes = whole;
         bytes.replace(at, 4096, 4096, '\x5A');
         for (const std::string& damaged : {bytes, whole.substr(0, at)}) {
             Write(folder / "journal/system.journal", damaged);
-            const WmiResult result = Ask("SELECT RecordNumber,Message FROM Win32_NTLogEvent WHERE RecordNumber>0");
-            EXPECT_EQ(result.status, result.rows.empty() ? wmi_status::providerFailure : wmi_status::ok) << at;
-            EXPECT_TRUE(!result.notices.empty() || result.rows.size() > 1900) << at << " " << Outcome(result);
+            const Gathered result = Events("RecordNumber>0", "RecordNumber Message");
+            EXPECT_EQ(result.status, result.objects.empty() ? wmi_status::providerFailure : wmi_status::ok) << at;
+            EXPECT_TRUE(!result.notices.empty() || result.objects.size() > 1900) << at << " " << Outcome(result);
             losses += result.notices.size();
         }
     }
@@ -336,44 +298,47 @@ TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
 }
 
 TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
-    constexpr GatherRoutine gather = [](const Gathering& gathering) { return GatherEventLogFiles(gathering, folders); };
-    const std::string query = "SELECT * FROM Win32_NTEventlogFile WHERE LogfileName<>''";
-    EXPECT_THAT(Outcome(Ask(query, gather)), testing::StartsWith("80041004 0 There is no journal"));
+    const auto files = [](const char* names, const std::string& where) {
+        constexpr GatherRoutine gather = [](const Gathering& to) { return GatherEventLogFiles(to, folders); };
+        return GatherTexts(u"Win32_NTEventlogFile", names, gather, "WHERE " + where);
+    };
+    const std::string query = "LogfileName<>''";
+    EXPECT_THAT(Outcome(files("Name", query)), testing::StartsWith("80041004 0 There is no journal"));
     WriteJournal("system", ManyEntries(0, 240, "a"));
     WriteJournal("user-1000", ManyEntries(100, 99, "b"));
-    std::filesystem::copy(journal() + "/system.journal", journal() + "/copy.journal");
-    const WmiResult result = Ask(query, gather);
-    ASSERT_EQ(Outcome(result), "00000000 3");
-    const std::pair<std::string, std::string> logs[] = {
-        {"Application", ""},
-        {"Security", " SYSLOG_FACILITY=4 SYSLOG_FACILITY=10"},
-        {"System", " SYSLOG_FACILITY=0 SYSLOG_FACILITY=3 SYSLOG_FACILITY=5 SYSLOG_FACILITY=9"},
+    fs::copy(journal() + "/system.journal", journal() + "/copy.journal");
+    const std::string use = RunShell("du -sB1 " + journal() + "/*.journal | awk '{s+=$1} END {print s}'").output;
+    const auto count = [this](const char* matches) {
+        return RunShell("journalctl -qo cat -D " + journal() + matches + " | wc -l").output;
     };
-    int others = 339;
-    for (std::size_t at = result.rows.size(); at-- > 0;) {
-        const WmiRow& row = result.rows[at];
-        EXPECT_EQ(PropertyTexts(row, "LogfileName,FileName,Extension,Path,OverWritePolicy,CreationClassName"),
-                  logs[at].first + " system journal " + journal() + "/ WhenNeeded Win32_NTEventlogFile");
-        EXPECT_EQ(PropertyText(row, "MaxFileSize"),
-                  RunShell("df -B1 --output=size " + journal() +
-                           " | awk 'NR == 2 {m = int($1 / 10); if (m > 2147483647) m -= 4294967296; "
-                           "print (m > 2147483647 ? \"NULL\" : m)}'")
-                      .output);
-        EXPECT_EQ(PropertyText(row, "FileSize"),
-                  RunShell("du -sB1 " + journal() + "/*.journal | awk '{s+=$1} END {print s}'").output);
-        const std::string count = RunShell("journalctl -qo cat -D " + journal() + logs[at].second + " | wc -l").output;
-        EXPECT_EQ(PropertyText(row, "NumberOfRecords"), at == 0 ? std::to_string(others) : count);
-        others -= std::stoi(count);
-    }
-    EXPECT_EQ(Outcome(Ask(query + " AND Name='/etc/passwd'", gather)), "00000000 0");
-    const std::string file = " WHERE Name='" + journal() + "/system.journal'";
-    EXPECT_EQ(Outcome(Ask("SELECT * FROM Win32_NTEventlogFile" + file, gather)), "00000000 3");
-    EXPECT_EQ(Outcome(Ask("SELECT * FROM CIM_DataFile" + file, gather, "Win32_NTEventlogFile")), "00000000 1")
-        << "no sum counts it twice";
-    std::filesystem::create_symlink("missing", folders[0]);
-    EXPECT_THAT(Outcome(Ask(query, gather)), testing::HasSubstr("Parts of the journal cannot be read"));
-    std::filesystem::remove_all(journal());
-    EXPECT_THAT(Outcome(Ask(query + " AND Name='/x'", gather)), testing::StartsWith("80041004 0 Parts"));
+    const std::string security = count(" SYSLOG_FACILITY=4 SYSLOG_FACILITY=10");
+    const std::string system = count(" SYSLOG_FACILITY=0 SYSLOG_FACILITY=3 SYSLOG_FACILITY=5 SYSLOG_FACILITY=9");
+    const int others = 339 - std::stoi(security) - std::stoi(system);
+    std::string expected;
+    for (const auto& [log, records] : {std::pair<std::string, std::string>{"Application", std::to_string(others)},
+                                       {"Security", security},
+                                       {"System", system}})
+        expected +=
+            log + "|" + records + "|" + use + "|system|journal|" + journal() + "/|WhenNeeded|Win32_NTEventlogFile|\n";
+    EXPECT_EQ(
+        LinesOf(files("LogfileName NumberOfRecords FileSize FileName Extension Path OverWritePolicy CreationClassName",
+                      query)),
+        expected);
+    const std::string most = RunShell("df -B1 --output=size " + journal() +
+                                      " | awk 'NR == 2 {m = int($1 / 10); if (m > 2147483647) m -= 4294967296; "
+                                      "print (m > 2147483647 ? \"NULL\" : m)}'")
+                                 .output;
+    EXPECT_EQ(files("MaxFileSize", query).objects[0], most + "|");
+    EXPECT_EQ(Outcome(files("Name", query + " AND Name='/etc/passwd'")), "00000000 0");
+    EXPECT_EQ(Outcome(files("Name", "Name='" + journal() + "/system.journal'")), "00000000 3");
+    Gathering ofFiles;  // of CIM_DataFile, which has the file itself
+    ofFiles.isOnlyClass = false;
+    ofFiles.row = [](const void*) { return ADD_FAILURE() << "a sum would count it twice", false; };
+    EXPECT_EQ(GatherEventLogFiles(ofFiles, folders), wmi_status::ok);
+    fs::create_symlink("missing", folders[0]);
+    EXPECT_THAT(Outcome(files("Name", query)), testing::HasSubstr("Parts of the journal cannot be read"));
+    fs::remove_all(journal());
+    EXPECT_THAT(Outcome(files("Name", query + " AND Name='/x'")), testing::StartsWith("80041004 0 Parts"));
 }
 
 TEST_F(EventLog, TakesTheSpaceThatItsConfigurationAllows) {
@@ -401,7 +366,7 @@ struct DataFiles : TestFolder {
         for (const char* name :
              {"plain", "a.tar.gz", ".hidden", ".rc.conf", "two words.TXT", "back\\slash.log", "ä.log"})
             Write(folder / "files" / name, std::string(name) + " holds bytes");
-        std::filesystem::create_directory(folder / "files/sub.d");
+        fs::create_directory(folder / "files/sub.d");
         RunShell(
             "cd " + files +
             " && ln -s plain link && ln -s nowhere broken && ln -s sub.d folderlink && mkfifo pipe && "
@@ -425,25 +390,19 @@ struct DataFiles : TestFolder {
 };
 
 TEST_F(DataFiles, OfAFolderAreThoseThatFindAndStatSee) {
-    const WmiResult result = Query("Path=" + Quoted(files + "/"));
-    EXPECT_EQ(Outcome(result), "00000000 10");
-    std::vector<std::string> found;
-    for (const WmiRow& row : result.rows) {
-        const std::string name = PropertyText(row, "Name");
-        found.push_back(name);
-        const std::string script =
-            R"sh(moment() { [ "$1" = - ] && echo NULL || date -ud "$1" +%Y%m%d%H%M%S.%6N+000; }
-                 ask() { [ -e "$f" ] && stat -Lc $1 "$f" || stat -c $1 "$f"; }
-                 echo $(ask %s) $(moment "$(ask %y)") $(moment "$(ask %x)") $(moment "$(ask %w)") \
-                      $(findmnt -no FSTYPE -T "${f%/*}"))sh";
-        EXPECT_EQ(PropertyTexts(row, "FileSize,LastModified,LastAccessed,CreationDate,FSName"),
-                  RunShell("f='" + name + "'; " + script).output)
-            << name;
-        EXPECT_EQ(PropertyText(row, "Path"), files + "/");
-    }
+    std::vector<std::string> found =
+        RowTexts("Name,FileSize,LastModified,LastAccessed,CreationDate,FSName FROM CIM_DataFile WHERE Path=" +
+                 Quoted(files + "/"));
+    EXPECT_EQ(found.size(), 10u);
     std::sort(found.begin(), found.end());
-    const std::string listed = RunShell("find -L " + files + " -maxdepth 1 ! -type d | LC_ALL=C sort").output;
-    EXPECT_EQ(fmt::format("{}", fmt::join(found, "\n")), listed);
+    const std::string script =
+        R"sh(moment() { [ "$1" = - ] && echo NULL || date -ud "$1" +%Y%m%d%H%M%S.%6N+000; }
+             ask() { [ -e "$f" ] && stat -Lc $1 "$f" || stat -c $1 "$f"; }
+             find -L $files -maxdepth 1 ! -type d | while read -r f; do
+                 printf '%s %s %s %s %s %s\n' "$f" "$(ask %s)" "$(moment "$(ask %y)")" "$(moment "$(ask %x)")" \
+                        "$(moment "$(ask %w)")" "$(findmnt -no FSTYPE -T $files)"
+             done | LC_ALL=C sort)sh";
+    EXPECT_EQ(fmt::format("{}", fmt::join(found, "\n")), RunShell("files=" + files + "; " + script).output);
 }
 
 TEST_F(DataFiles, HaveTheNamesOfTheQuery) {
@@ -465,20 +424,13 @@ TEST_F(DataFiles, HaveTheNamesOfTheQuery) {
          files + "/a.tar.gz"},
         {"Path=" + Quoted(files) + " AND FileName='b' OR Path=" + Quoted(files + "/") + " AND FileName='plain'", "Path",
          files + "/"},
-        {"Name=" + Quoted("C:" + backslashes + "\\plain"), "", "00000000 0"},
-        {"Drive='C:' AND Path=" + Quoted(files), "", "00000000 0"},
-        {"Path=" + Quoted(files + "/none/") + " OR Path='etc/' OR Path=''", "", "00000000 0"},
-        {"Name=" + Quoted(files + "/sub.d") + " OR Name=" + Quoted(files + "/plain/"), "", "00000000 0"},
+        {"Name=" + Quoted("C:" + backslashes + "\\plain"), "Name", ""},
+        {"Drive='C:' AND Path=" + Quoted(files), "Name", ""},
+        {"Path=" + Quoted(files + "/none/") + " OR Path='etc/' OR Path=''", "Name", ""},
+        {"Name=" + Quoted(files + "/sub.d") + " OR Name=" + Quoted(files + "/plain/"), "Name", ""},
     };
-    for (const auto& [where, properties, expected] : cases) {
-        const WmiResult result = Query(where);
-        if (*properties == '\0') {
-            EXPECT_EQ(Outcome(result), expected) << where;
-            continue;
-        }
-        ASSERT_EQ(Outcome(result), "00000000 1") << where;
-        EXPECT_EQ(PropertyTexts(result.rows[0], properties), expected) << where;
-    }
+    for (const auto& [where, properties, expected] : cases)
+        EXPECT_EQ(TextsOf(properties + (" FROM CIM_DataFile WHERE " + where)), expected) << where;
 }
 
 TEST_F(DataFiles, AreNeverSearchedFor) {
@@ -503,7 +455,7 @@ TEST_F(DataFiles, AreNeverSearchedFor) {
 }
 
 TEST_F(DataFiles, ThatMayNotBeSeenAreNotAbsent) {
-    std::filesystem::permissions(folder, std::filesystem::perms(0755));
+    fs::permissions(folder, fs::perms(0755));
     const auto queryAsNobody = [](const std::string& where) {
         const Nobody nobody;
         return Query(where);
@@ -511,7 +463,7 @@ TEST_F(DataFiles, ThatMayNotBeSeenAreNotAbsent) {
     const auto outcome = [&](const std::string& where) { return Outcome(queryAsNobody(where)); };
     const std::string where = "Name=" + Quoted(files + "//plain");
     EXPECT_EQ(PropertyTexts(queryAsNobody(where).rows.at(0), "Readable,Writeable,AccessMask"), "false false 0");
-    std::filesystem::permissions(files, std::filesystem::perms(0700));
+    fs::permissions(files, fs::perms(0700));
     EXPECT_EQ(PropertyTexts(Query(where).rows.at(0), "Readable,Writeable,AccessMask"), "true true 7");
     if (getuid() != 0) return;  // the owner sees them
     EXPECT_THAT(outcome(where), testing::MatchesRegex("80041003 0 1 files or folders .*[a-z]/plain: Permission .*"));
@@ -527,10 +479,10 @@ TEST_F(DataFiles, OnMountsThatMayNotAnswerCostOnlyThemselves) {
         files);
     Write(files + "/auto/a", "");
     Write(files + "/server/b", "");
-    std::filesystem::create_symlink("auto", files + "/way");
+    fs::create_symlink("auto", files + "/way");
     const auto outcome = [&](const std::string& where) {
-        return Outcome(Ask("SELECT Name FROM CIM_DataFile WHERE " + where,
-                           [](const Gathering& gathering) { return GatherDataFiles(gathering, mountInfo); }));
+        constexpr GatherRoutine gather = [](const Gathering& to) { return GatherDataFiles(to, mountInfo); };
+        return Outcome(GatherTexts(u"CIM_DataFile", "Name", gather, "WHERE " + where));
     };
     const std::string orPlain = " OR Name=" + Quoted(files + "/plain");
     const std::string onServer = "Name=" + Quoted(files + "/server/b");

@@ -28,6 +28,10 @@ struct Gathered {
     std::vector<std::string> notices;
 };
 
+inline std::string Outcome(const Gathered& gathered) {
+    return OutcomeText(gathered.status, gathered.objects.size(), gathered.notices);
+}
+
 /// The objects that a routine gathers in place of a class's own. names: of properties, or __PATH and __RELPATH, with
 /// blanks between them. where: "WHERE ..." of a query, or nothing.
 inline Gathered GatherTexts(std::u16string_view className, std::string_view names, wql::GatherRoutine gather,
