@@ -126,12 +126,10 @@ TEST_F(EventLog, HasTheEntriesThatJournalctlSelects) {
         {"RecordNumber<0 OR RecordNumber>4e9", 1, 0},
         {"RecordNumber>235 AND RecordNumber<250 AND TimeWritten<'20261125000400.000000+000'", 236, 240},
     };
-    for (const auto& [where, first, last] : ranges) {
-        std::string expected;
-        for (int number = last; number >= first; --number)
-            expected += (expected.empty() ? "" : "\n") + std::to_string(number);
-        EXPECT_EQ(Rows("RecordNumber", std::string(where) + " AND SourceName='a'"), expected) << where;
-    }
+    for (const auto& [where, first, last] : ranges)
+        EXPECT_EQ(Rows("RecordNumber", std::string(where) + " AND SourceName='a'"),
+                  RunShell(fmt::format("seq {} -1 {}", last, first)).output)
+            << where;
     // Generated thirty seconds after it was written.
     WriteJournal("clock", Entry(1000, "SYSLOG_IDENTIFIER=c\n_SOURCE_REALTIME_TIMESTAMP=1795565830000000"));
     EXPECT_EQ(Rows("SourceName", "TimeGenerated>'20261125001709.000000+000'"), "c");
@@ -195,12 +193,10 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
         EXPECT_EQ(result.objects.size(), rows) << where;
         EXPECT_EQ(result.notices.size(), rows == 1000 ? 1u : 0u) << where;
     }
-    WriteJournal("large", [] {
-        std::string text;
-        for (int i = 0; i < 1100; ++i)
-            text += Entry(2000 + i, "PRIORITY=3\nMESSAGE=" + std::string(32000, 'x') + std::to_string(i));
-        return text;
-    }());
+    std::string large;
+    for (int i = 0; i < 1100; ++i)
+        large += Entry(2000 + i, "PRIORITY=3\nMESSAGE=" + std::string(32000, 'x') + std::to_string(i));
+    WriteJournal("large", large);
     const Gathered result = Events("RecordNumber>0");
     EXPECT_LT(result.objects.size(), 1100u);
     const std::string last = result.objects.back();
@@ -436,20 +432,17 @@ TEST_F(DataFiles, HaveTheNamesOfTheQuery) {
 TEST_F(DataFiles, AreNeverSearchedFor) {
     for (const char* where :
          {"Extension='log'", "Name LIKE '/etc/%'", "NOT Name='/x'", "Name='/x' OR Path='/y'", "Drive='C:'"}) {
-        const WmiResult result = Query(where);
-        EXPECT_EQ(result.status, wmi_status::notSupported) << where;
-        EXPECT_THAT(Outcome(result), testing::HasSubstr(" 0 A query for files must say")) << where;
+        EXPECT_THAT(Outcome(Query(where)), testing::StartsWith("8004100c 0 A query for files must say")) << where;
     }
     EXPECT_EQ(Query("Name='/x' AND Name='/y' OR Path='/z/' AND Name='/z/q'").status, wmi_status::ok);
     for (std::size_t at = 0; at < maxFolderFiles; ++at) {
         ASSERT_EQ(link((files + "/plain").c_str(), fmt::format("{}/sub.d/{}.l", files, at).c_str()), 0);
     }
     const std::string query = "SELECT FileName FROM CIM_DataFile WHERE Path=" + Quoted(files + "/sub.d");
-    EXPECT_EQ(RunWmiQuery(query).notices.size(), 0u);
+    const std::string most = fmt::format("00000000 {}", maxFolderFiles);
+    EXPECT_EQ(Outcome(RunWmiQuery(query)), most);
     Write(files + "/sub.d/last.m", "");
-    const WmiResult most = RunWmiQuery(query);
-    EXPECT_EQ(most.rows.size(), maxFolderFiles);
-    EXPECT_EQ(most.notices.size(), 1u);
+    EXPECT_THAT(Outcome(RunWmiQuery(query)), testing::StartsWith(most + " "));
     for (const char* last : {" AND Extension='M'", " AND FileSize=0"})
         EXPECT_EQ(Outcome(RunWmiQuery(query + last)), "00000000 1") << "others do not count";
 }
