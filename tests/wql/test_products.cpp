@@ -66,7 +66,7 @@ TEST_F(WmiProducts, AreThoseWhoseFilesAreThere) {
               "d|d:||<d@example.org>|NULL|-6|NULL|NULL|\n");
     EXPECT_EQ(LinesOf(Products("Name", "WHERE Name = 'C' OR Name = 'b'")), "c|\n");
     for (const char* make : {"mkdir ", "mkfifo "}) {
-        RunShell("cd var/lib/dpkg && rm status && " + (make + std::string("status")));
+        RunShell("cd var/lib/dpkg && rm -r status && " + (make + std::string("status")));
         EXPECT_THAT(Outcome(Products("Name")), MatchesRegex("80041004 0 .*cannot be read.*")) << make;
     }
 }
