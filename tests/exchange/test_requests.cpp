@@ -68,6 +68,12 @@ class Requests : public HttpTest {
         clock.endMilliseconds = clock.nowMilliseconds() + 60000;
         EXPECT_THROW(RequestCentralServer(nullptr), TimeIsUp);
     }
+    /// Runs a round with one request that waits.
+    void Serve(const std::string& members) {
+        posted.clear();
+        SetRequestAvailable(u"YES");
+        RunRound((R"({"RequestList": [{"AGENT_REQUEST_ID": "I 1", )" + members + "}]}").c_str());
+    }
     int CountInRound(std::string_view text) const { return TimesLogged(text, logBefore); }
 
     /// A request to ask 127.0.0.1 by SNMP. Exchanges before and after the answered ones time out at once.
@@ -102,12 +108,9 @@ class Requests : public HttpTest {
             return isSilent ? platform::error::success : next(socket, microseconds, ready);
         };
         const platform::ScopedOperations scoped(sockets);
-        posted.clear();
-        SetRequestAvailable(u"YES");
-        RunRound(fmt::format(R"({{"RequestList": [{{"REQUEST_TYPE": "{}", "AGENT_REQUEST_ID": "I 1", "DEVICE_NAME":
-            "127.0.0.1", "SNMP_PORT": {}, "SNMP_VERSION": "v2c", "SNMP_TIMEOUT": "1" {}}}]}})",
-                             request.type, request.port, request.members)
-                     .c_str());
+        Serve(fmt::format(
+            R"("REQUEST_TYPE": "{}", "DEVICE_NAME": "127.0.0.1", "SNMP_PORT": {}, "SNMP_VERSION": "v2c", "SNMP_TIMEOUT": "1" {})",
+            request.type, request.port, request.members));
         outcome.posted = posted;
         return outcome;
     }
@@ -250,9 +253,7 @@ TEST_F(Requests, OnlyThePlanOfADownloadedArchiveStays) {
             bytes = isFull ? 500 : UINT64_MAX;
             return platform::error::success;
         });
-        SetRequestAvailable(u"YES");
-        RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": "S",
-            "DOWNLOAD_URL": "/plan.zip"}]})");
+        Serve(R"("REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "S", "DOWNLOAD_URL": "/plan.zip")");
         EXPECT_EQ(CountInRound("[500] are free"), isFull);
         EXPECT_EQ(std::filesystem::exists(conf / "slaves" / "S"), !isFull);
     }
@@ -402,12 +403,7 @@ TEST_F(Requests, QueriesAndServicesAreTried) {
     };
     for (const auto& each : rows) {
         const std::string type = each.type + std::string(*each.type == 'T' ? "_MONITOR" : "_SERVICE");
-        posted.clear();
-        SetRequestAvailable(u"YES");
-        RunRound(fmt::format(R"({{"RequestList": [{{"REQUEST_TYPE": "{}", "AGENT_REQUEST_ID": "I 1",
-                                "RESPONSE_NEEDED": "{}", {}}}]}})",
-                             type, each.wanted, each.members)
-                     .c_str());
+        Serve(fmt::format(R"("REQUEST_TYPE": "{}", "RESPONSE_NEEDED": "{}", {})", type, each.wanted, each.members));
         constexpr auto answer = R"(&action={}&requestId=I%201 {{ "MSPCUSTOMERID": "", "AGENT_REQUEST_ID": "I 1", )"
                                 R"("AGENTKEY": "K7", "DATACOLLECTTIME": "{}", "ERRORMSG": {} }})";
         EXPECT_EQ(posted, each.answer.empty() ? "" : fmt::format(answer, type, clock.nowSeconds(), each.answer));
@@ -461,13 +457,8 @@ TEST_F(Requests, LimitsAnswerAsFailuresAndRunNothing) {
             writeValue(platform::RootKey::localMachine, monitoringKeyPath, row.setting, text, as);
         };
         set(row.text ? row.text : u"1", type);
-        posted.clear();
         fake.calls.clear();
-        SetRequestAvailable(u"YES");
-        RunRound(fmt::format(R"({{"RequestList": [{{"AGENT_REQUEST_ID": "I 1", "RESPONSE_NEEDED": "YES",
-                                "REQUEST_TYPE": {}}}]}})",
-                             row.request)
-                     .c_str());
+        Serve(R"("RESPONSE_NEEDED": "YES", "REQUEST_TYPE": )" + row.request);
         EXPECT_THAT(posted, testing::HasSubstr(row.answer));
         EXPECT_EQ(posted.empty(), *row.answer == 0);
         const bool isRefused = *row.logged != 0;
@@ -477,11 +468,7 @@ TEST_F(Requests, LimitsAnswerAsFailuresAndRunNothing) {
         EXPECT_EQ(testing::Value(fake.calls, testing::Contains(testing::HasSubstr("StartServiceW"))),
                   row.answer == started);
         EXPECT_EQ(asked, "LIST ");
-        platform::OwnedRegistryKey key;
-        ASSERT_EQ(platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, monitoringKeyPath,
-                                                     platform::RegistryAccess::allAccess, key.Place()),
-                  platform::error::success);
-        ASSERT_EQ(platform::Registry().RegDeleteValueW(key.get(), row.setting), platform::error::success);
+        set(u"*", platform::RegistryType::text);
     }
 }
 
