@@ -99,30 +99,27 @@ std::vector<std::u16string> TableKeys(const HashTable* table) {
 }
 
 TEST_F(Containers, TableKeepsTheOrderOfFirstInsertion) {
-    enum class Act { put, remove };
-    using enum Act;
     const struct {
         const char* title;
-        Act act;
         const char16_t* key;
         std::vector<std::u16string> keys;
+        bool isPut = true;
     } steps[] = {
-        {"first key", put, u"b", {u"b"}},
-        {"later keys go last", put, u"a", {u"b", u"a"}},
-        {"case counts", put, u"A", {u"b", u"a", u"A"}},
-        {"a known key keeps its place", put, u"b", {u"b", u"a", u"A"}},
-        {"remove from the middle", remove, u"a", {u"b", u"A"}},
-        {"remove the first", remove, u"b", {u"A"}},
-        {"remove the only one", remove, u"A", {}},
-        {"a key in the empty table", put, u"c", {u"c"}},
+        {"first key", u"b", {u"b"}},
+        {"later keys go last", u"a", {u"b", u"a"}},
+        {"case counts", u"A", {u"b", u"a", u"A"}},
+        {"a known key keeps its place", u"b", {u"b", u"a", u"A"}},
+        {"remove from the middle", u"a", {u"b", u"A"}, false},
+        {"remove the first", u"b", {u"A"}, false},
+        {"remove the only one", u"A", {}, false},
+        {"a key in the empty table", u"c", {u"c"}},
     };
     const HashTablePtr owner = MakeHashTable();
     HashTable* const table = owner.get();
     for (const auto& step : steps) {
-        const int result = step.act == put ? PutHashText(table, step.key, u"value") : RemoveHashKey(table, step.key);
-        EXPECT_EQ(result, 1) << step.title;
+        EXPECT_EQ(step.isPut ? PutHashText(table, step.key, u"value") : RemoveHashKey(table, step.key), 1);
         EXPECT_EQ(TableKeys(table), step.keys) << step.title;
-        EXPECT_EQ(ContainsHashKey(table, step.key), step.act == put) << step.title;
+        EXPECT_EQ(ContainsHashKey(table, step.key), step.isPut) << step.title;
     }
 }
 
