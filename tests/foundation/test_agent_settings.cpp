@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <gmock/gmock.h>
 #include <map>
 #include <regex>
 #include <span>

@@ -154,6 +154,13 @@ class HttpTest : public TestAgent {
         agentState.gv_ServerPort = port;
         return AgentSendRequest({}, 0, url, {.body = body}, nullptr, kind, length, false);
     }
+
+    /// Gets /x into a file of the working directory.
+    static platform::Error Download(int port, std::u16string_view file) {
+        agentState.gv_ServerPort = port;
+        std::u16string url = u"/x";
+        return InternetDownloadFile({}, 0, url, file, false);
+    }
 };
 
 }  // namespace kv::test

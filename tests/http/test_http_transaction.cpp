@@ -58,7 +58,51 @@ class HttpTransaction : public HttpTest {
     }
 
     /// The real operations, with the server behind every address and the script in every sending.
-    platform::HttpOperations Scripted();
+    platform::HttpOperations Scripted() {
+        const platform::HttpOperations real = platform::Http();
+        platform::HttpOperations operations = real;
+        const auto opening = [this](char handle, const auto& next) {
+            return [=, this](auto&&... arguments) {
+                opened += handle;
+                return next(arguments...);
+            };
+        };
+        operations.WinHttpOpen = opening('s', real.WinHttpOpen);
+        operations.WinHttpOpenRequest = opening('r', real.WinHttpOpenRequest);
+        operations.WinHttpConnect = [=, this](auto session, auto address, auto port, auto& connection) {
+            addresses += platform::Utf8FromWide(address) + " ";
+            opened += "c";
+            return real.WinHttpConnect(session, u"127.0.0.1", port, connection);
+        };
+        operations.WinHttpSetOptionNumber = [=, this](auto request, auto option, auto value) {
+            numbers += std::to_string(static_cast<int>(option)) + "=" + std::to_string(value) + " ";
+            return real.WinHttpSetOptionNumber(request, option, value);
+        };
+        operations.WinHttpSetOptionText = [=, this](auto request, auto option, auto value) {
+            numbers += std::to_string(static_cast<int>(option)) + "=" + platform::Utf8FromWide(value) + " ";
+            return real.WinHttpSetOptionText(request, option, value);
+        };
+        operations.WinHttpReadData = [=, this](auto request, auto buffer, auto size, auto& read) {
+            numbers += std::to_string(size) + " ";
+            return real.WinHttpReadData(request, buffer, size, read);
+        };
+        operations.WinHttpSendRequest = [=, this](auto request, auto body, auto size) {
+            ++sendings;
+            current = meetings.at(script.empty() ? 'e' : script.front());
+            script.erase(0, 1);
+            const bool answered = current.send == 0 && current.receive == 0;
+            return answered ? real.WinHttpSendRequest(request, body, size) : current.send;
+        };
+        operations.WinHttpReceiveResponse = [=, this](auto request) {
+            return current.receive ? current.receive : real.WinHttpReceiveResponse(request);
+        };
+        operations.WinHttpCloseHandle = [=, this](auto handle) {
+            const Error failure = real.WinHttpCloseHandle(handle);
+            closed += failure == 0 ? 1 : 0;
+            return failure;
+        };
+        return operations;
+    }
 
     std::string script;
     std::string addresses;   // in the order of the attempts
@@ -73,52 +117,6 @@ class HttpTransaction : public HttpTest {
     const int somePort = 0x20000 + server.port;  // 16 bits of it count
     platform::ScopedOperations<platform::HttpOperations> scoped{Scripted()};
 };
-
-platform::HttpOperations HttpTransaction::Scripted() {
-    const platform::HttpOperations real = platform::Http();
-    platform::HttpOperations operations = real;
-    const auto opening = [this](char handle, const auto& next) {
-        return [=, this](auto&&... arguments) {
-            opened += handle;
-            return next(arguments...);
-        };
-    };
-    operations.WinHttpOpen = opening('s', real.WinHttpOpen);
-    operations.WinHttpOpenRequest = opening('r', real.WinHttpOpenRequest);
-    operations.WinHttpConnect = [=, this](auto session, auto address, auto port, auto& connection) {
-        addresses += platform::Utf8FromWide(address) + " ";
-        opened += "c";
-        return real.WinHttpConnect(session, u"127.0.0.1", port, connection);
-    };
-    operations.WinHttpSetOptionNumber = [=, this](auto request, auto option, auto value) {
-        numbers += std::to_string(static_cast<int>(option)) + "=" + std::to_string(value) + " ";
-        return real.WinHttpSetOptionNumber(request, option, value);
-    };
-    operations.WinHttpSetOptionText = [=, this](auto request, auto option, auto value) {
-        numbers += std::to_string(static_cast<int>(option)) + "=" + platform::Utf8FromWide(value) + " ";
-        return real.WinHttpSetOptionText(request, option, value);
-    };
-    operations.WinHttpReadData = [=, this](auto request, auto buffer, auto size, auto& read) {
-        numbers += std::to_string(size) + " ";
-        return real.WinHttpReadData(request, buffer, size, read);
-    };
-    operations.WinHttpSendRequest = [=, this](auto request, auto body, auto size) {
-        ++sendings;
-        current = meetings.at(script.empty() ? 'e' : script.front());
-        script.erase(0, 1);
-        const bool answered = current.send == 0 && current.receive == 0;
-        return answered ? real.WinHttpSendRequest(request, body, size) : current.send;
-    };
-    operations.WinHttpReceiveResponse = [=, this](auto request) {
-        return current.receive ? current.receive : real.WinHttpReceiveResponse(request);
-    };
-    operations.WinHttpCloseHandle = [=, this](auto handle) {
-        const Error failure = real.WinHttpCloseHandle(handle);
-        closed += failure == 0 ? 1 : 0;
-        return failure;
-    };
-    return operations;
-}
 
 TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
     const struct {
@@ -271,7 +269,7 @@ TEST_F(HttpTransaction, SendsAndReadsTheBytesOfEachKind) {
     EXPECT_EQ(response, u"\u6b6f");
     EXPECT_EQ(numbers, "3=30000 2 ");
     Restart("o");
-    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"two.bin", false), 0u);
+    EXPECT_EQ(Download(somePort, u"two.bin"), 0u);
     EXPECT_EQ(numbers, "50 50 ");
 }
 

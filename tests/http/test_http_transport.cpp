@@ -214,9 +214,7 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
         RawServer server(row.peer);
-        agentState.gv_ServerPort = server.port;
-        std::u16string url = u"/x";
-        EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), row.expected);
+        EXPECT_EQ(Download(server.port, u"part.bin"), row.expected);
         EXPECT_EQ(Read(bin / "part.bin"), row.kept);
     }
     RawServer cut(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabcde"));
@@ -225,10 +223,8 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     EXPECT_EQ(response, u"\u6261\u6463");  // whole characters of what came
     RawServer gone(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "nothing came";
-    std::u16string url = u"/x";
-    agentState.gv_ServerPort = cut.port;
     const Replaced full(&platform::FileOperations::WriteFile, [](auto&&...) { return platform::error::diskFull; });
-    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), 112u);
+    EXPECT_EQ(Download(cut.port, u"part.bin"), 112u);
 }
 
 TEST_F(HttpTransport, APostThatWantsTheAnswerNeedsItsLength) {

@@ -4,30 +4,21 @@
 #include <chrono>
 #include <cstdlib>
 #include <gmock/gmock.h>
-#include <openssl/evp.h>
-#include <openssl/x509.h>
 #include <sys/socket.h>
 
 #include "foundation/agent_health.h"
 #include "platform/http.h"
 #include "tests/http/http_peers.h"
+#include "tests/http/linux/tls_peers.h"
 
 namespace kv::test {
 
 namespace {
 
-/// Signed by itself, without a name, and expired an hour ago.
+/// Signed by itself, for another name and address, and expired.
 std::unique_ptr<httplib::Server> SecureServer() {
-    EVP_PKEY* key = EVP_EC_gen("P-256");
-    X509* certificate = X509_new();
-    X509_gmtime_adj(X509_getm_notBefore(certificate), -7200);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), -3600);
-    X509_set_pubkey(certificate, key);
-    X509_sign(certificate, key, EVP_sha256());
-    auto server = std::make_unique<httplib::SSLServer>(certificate, key);
-    X509_free(certificate);
-    EVP_PKEY_free(key);
-    return server;
+    const Identity identity = Issue(NewKey(), {"elsewhere", "IP:192.0.2.1", -3, -2});
+    return std::make_unique<httplib::SSLServer>(identity.certificate.get(), identity.key.get());
 }
 
 class HttpSecure : public HttpTest {
@@ -126,7 +117,6 @@ TEST_F(HttpSecure, OnlyARefusalEndsAnUploadEarly) {
         platform::Error expected;
     } rows[] = {
         {300'000, 300'000, 5, true, 0},
-        {300'000, 0, 0, false, 12030},
         {300'000, 0, 5, true, 12030},
         {1'000'000, 0, 300, false, 12030},  // most of it waits for room in the server's buffers
     };
@@ -176,8 +166,7 @@ TEST_F(HttpSecure, ReportsPeersThatSayTooMuchOrTooLittle) {
     EXPECT_EQ(Get(gone.port, u"/x"), 12157u);
     agentState.gv_httpsEnabled = 0;
     RawServer cut(Answers("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n123"));
-    std::u16string url = u"/x";
-    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), 12030u);
+    EXPECT_EQ(Download(cut.port, u"part.bin"), 12030u);
 }
 
 }  // namespace

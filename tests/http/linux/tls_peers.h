@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
