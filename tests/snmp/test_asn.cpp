@@ -95,11 +95,8 @@ struct Asn : test::TestAgent {
     Asn() { toolkitLogLevel = 1; }
     ~Asn() override { toolkitLogLevel = 0; }
 
-    enum class Verdict { taken, refused };
-
     /// Parses a row's first bytes, in a buffer that ends where a parser has to stop.
-    static void Offer(const Row& row, std::int32_t size, int behind, Verdict verdict) {
-        const bool succeeds = verdict == Verdict::taken;
+    static void Offer(const Row& row, std::int32_t size, int behind, bool succeeds) {
         const auto held = static_cast<std::size_t>(std::max(size, 0));
         std::vector<std::uint8_t> buffer(held + asnReadAhead, static_cast<std::uint8_t>(behind));
         const std::string bytes = FromHex(row.hex);
@@ -146,9 +143,9 @@ TEST_F(Asn, ReadsEveryWholeFormAndWritesTheShortest) {
          }) {
         SCOPED_TRACE(row.title);
         const auto size = static_cast<std::int32_t>(FromHex(row.hex).size());
-        Offer(row, size, row.behind, Verdict::taken);
+        Offer(row, size, row.behind, true);
         for (std::int32_t cut = -1; cut < size; ++cut) {
-            for (const int behind : {0x00, 0xff, 0x84}) Offer(row, cut, behind, Verdict::refused);
+            for (const int behind : {0x00, 0xff, 0x84}) Offer(row, cut, behind, false);
         }
     }
 }
@@ -173,7 +170,7 @@ TEST_F(Asn, LogsWhatItRefuses) {
          }) {
         SCOPED_TRACE(row.title);
         const std::size_t logged = LogText().size();
-        Offer(row, static_cast<std::int32_t>(FromHex(row.hex).size()), 0, Verdict::refused);
+        Offer(row, static_cast<std::int32_t>(FromHex(row.hex).size()), 0, false);
         EXPECT_EQ(LogText().substr(logged), row.outcome);
     }
 }

@@ -22,14 +22,6 @@ std::string Variable(char last, std::uint8_t tag, std::string_view content) {
     return Item(0x30, Item(0x06, FromHex("2b 06 01 09") + last) + Item(tag, content));
 }
 
-/// Sends the answers in turn, then repeats the last.
-ScriptedDevice::Answer AnswersInTurn(std::vector<DeviceAnswer> answers) {
-    return [answers, turn = std::size_t{0}](std::string_view) mutable {
-        const std::size_t now = std::min(turn++, answers.size() - 1);
-        return std::vector<std::string>{EncodeAnswer(answers[now])};
-    };
-}
-
 TEST_F(SnmpManager, EndsAWalkThatCannotGoOn) {
     const auto value = [](char last) { return DeviceAnswer{.variables = {Variable(last, 0x04, "v")}}; };
     const std::string one = "1: .1.3.6.1.9.1 4:v";
@@ -55,7 +47,9 @@ TEST_F(SnmpManager, EndsAWalkThatCannotGoOn) {
               "sends no value that can be read. The walk ends with 4 values"},
          }) {
         SCOPED_TRACE(row.title);
-        const ScriptedDevice device(AnswersInTurn(row.answers));
+        const ScriptedDevice device([&row, turn = std::size_t{0}](std::string_view) mutable {
+            return std::vector{EncodeAnswer(row.answers.at(turn++))};
+        });
         const std::size_t before = LogText().size();
         EXPECT_EQ(AnswerText({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}), row.expected);
         const std::string logged = LogText().substr(before);
