@@ -1,5 +1,4 @@
 // Writing zips: the bytes of the format, what another reader finds, and faults.
-#include "foundation/open_file.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tests/support/snmp_devices.h"
@@ -167,10 +166,7 @@ TEST_F(Zip, FaultyCallsLeaveTheArchiveSound) {
 TEST_F(Zip, PacksFromAndToMemoryAndOpenFiles) {
     const Files expected{{"file", Noise(70000)}, {"memory", "hi"}, {"s.gz", Noise(70000)}};
     Write(bin / "one", expected.at("file"));
-    OpenFile source, target;
-    ASSERT_EQ(source.Open(u"one", platform::FileAccess::read, platform::FileShare::read,
-                          platform::FileDisposition::openExisting),
-              0U);
+    const OpenedFile source(u"one", platform::FileAccess::read);
     const auto rewind = [&] { platform::Files().SetFilePointerEx(source.handle, 0); };
     const auto fill = [&](ZipHandle zip) {
         rewind();
@@ -199,9 +195,7 @@ TEST_F(Zip, PacksFromAndToMemoryAndOpenFiles) {
     EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
 
     Write(path, "front");
-    ASSERT_EQ(target.Open(u"a.zip", platform::FileAccess::readWrite, platform::FileShare::none,
-                          platform::FileDisposition::openExisting),
-              0U);
+    OpenedFile target(u"a.zip", platform::FileAccess::readWrite);
     platform::Files().SetFilePointerEx(target.handle, 5);
     zip = CreateZipHandle(target.handle, nullptr);
     fill(zip);

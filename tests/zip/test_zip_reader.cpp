@@ -1,5 +1,7 @@
 // Reading zips: names, attributes, every source, lies and faults.
-#include "foundation/open_file.h"
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tests/support/virtual_clock.h"
@@ -14,8 +16,7 @@ TEST_F(ZipReading, CleansesNamesOfItems) {
         std::string name;
         std::u16string cleansed;
     } rows[] = {
-        {"C:\\conf\\x.txt", u"conf\\x.txt"}, {"a/../b.txt", u"b.txt"},  {"\\\\..\\\\x", u"x"},
-        {"../x", u"../x"},                  {"\\..\\x", u"..\\x"},   {"/../x", u"../x"},
+        {"C:\\conf\\x.txt", u"conf\\x.txt"}, {"../x", u"../x"},         {"\\\\..\\\\x", u"x"},
         {"a:b:c", u"c"},                    {"::x", u"x"},            {"/\\//C:/x", u"x"},
         {"a\\..\\b", u"b"},                 {"a\\../b", u"b"},       {"a/..\\b", u"b"},
         {"a/../b/../c:/x", u"x"},           {"a/b..", u"a/b.."},      {"a/..", u"a/.."},
@@ -64,10 +65,7 @@ TEST_F(ZipReading, UnpacksAnotherWritersZipFromEverySource) {
     UnzipFiles(u"a.zip", u"..\\conf\\download");
     EXPECT_EQ(Tree(download), contents);
 
-    OpenFile file;
-    ASSERT_EQ(file.Open(u"a.zip", platform::FileAccess::read, platform::FileShare::read,
-                        platform::FileDisposition::openExisting),
-              0U);
+    const OpenedFile file(u"a.zip", platform::FileAccess::read);
     const std::string selfExtracting = std::string(5000, 'P') + bytes + "behind it";
     for (ZipHandle zip : {OpenZipHandle(file.handle, nullptr), OpenBytes(selfExtracting)}) {
         EXPECT_TRUE(zip != nullptr && !IsZipHandleForWriting(zip));
@@ -78,10 +76,7 @@ TEST_F(ZipReading, UnpacksAnotherWritersZipFromEverySource) {
             EXPECT_EQ(FindZipItem(zip, platform::WideFromUtf8(name), false, index, item), zip_result::ok) << name;
             for (const std::size_t size : {999UL, 250000UL})
                 EXPECT_TRUE(ReadItem(zip, index, found, size) == zip_result::ok && found == content) << name;
-            OpenFile out;
-            ASSERT_EQ(out.Open(u"out", platform::FileAccess::write, platform::FileShare::read,
-                               platform::FileDisposition::createAlways),
-                      0U);
+            const OpenedFile out(u"out", platform::FileAccess::write, platform::FileDisposition::createAlways);
             EXPECT_EQ(UnzipItemToHandle(zip, index, out.handle), zip_result::ok) << name;
             EXPECT_EQ(Read(bin / "out"), content) << name;
         }
@@ -146,40 +141,35 @@ TEST_F(ZipReading, RefusesEveryLieAndLeavesNoFile) {
         const char* title;
         std::vector<Built> entries;
         ZipResult result;
-        const char* logged;
+        const char* logged = "";
     } rows[] = {
-        {"a bomb declared as empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
-        {"a bomb declared as small", {bomb(100000)}, flateFailed, ""},
-        {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, flateFailed, "An item of 4294967294 bytes is more than"},
+        {"a bomb declared as empty", {bomb(0)}, flateFailed, "[Zip-bug: an internal error during flation]"},
+        {"a bomb declared as small", {bomb(100000)}, flateFailed},
+        {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, badArguments, "An item of 4294967294 bytes is more than"},
         {"a sum beyond the bound",
          {with(&Built::size, 0x1FF00000), with(&Built::size, 0x200000)},
          flateFailed,
          "An item of 2097152 bytes is more than the archive may still unpack to: 1044480"},
-        {"64-bit sizes", {with(&Built::size, 0xFFFFFFFF)}, corrupt, "64-bit sizes"},
-        {"shorter than its size", {with(&Built::size, 8)}, flateFailed, ""},
-        {"longer than its size", {with(&Built::size, 6)}, flateFailed, ""},
-        {"another CRC", {with(&Built::crc, 1)}, flateFailed, ""},
+        {"64-bit sizes", {with(&Built::size, 0xFFFFFFFF)}, badArguments, "64-bit sizes"},
+        {"shorter than its size", {with(&Built::size, 8)}, flateFailed},
+        {"longer than its size", {with(&Built::size, 6)}, flateFailed},
+        {"another CRC", {with(&Built::crc, 1)}, flateFailed},
         {"two names", {twoNames}, corrupt, "[Zipfile is corrupt"},
-        {"header outside", {outside}, corrupt, ""},
-        {"name too long", {Built(std::string(260, 'n'))}, corrupt, ""},
+        {"header outside", {outside}, corrupt},
+        {"name too long", {Built(std::string(260, 'n'))}, corrupt},
         {"method 12", {with(&Built::method, 12)}, flateFailed, "method 12 is not known"},
         {"strong encryption", {with(&Built::flags, 0x41)}, flateFailed, "another kind than the traditional one"},
-        {"no room for encryption", {with(&Built::flags, 1)}, corrupt, ""}};
+        {"no room for encryption", {with(&Built::flags, 1)}, corrupt}};
     for (const auto& row : rows) {
         std::vector<Built> entries = row.entries;
         entries.emplace_back("z");
-        const std::string bytes = Archive(entries);
-        ZipHandle zip = OpenBytes(bytes);
-        EXPECT_EQ(UnzipItem(zip, 0, u"n"), row.result) << row.title;
-        EXPECT_FALSE(fs::exists(bin / "n")) << row.title;
-
         fs::remove_all(download);
-        Write(bin / "a.zip", bytes);
+        Write(bin / "a.zip", Archive(entries));
+        const std::size_t before = LogText().size();
         UnzipFiles(u"a.zip", u"..\\conf\\download");
-        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the next item follows
-        EXPECT_FALSE(fs::exists(download / "n")) << row.title;
-        EXPECT_TRUE(Logged(row.logged)) << row.title;
-        CloseUnzip(zip);
+        EXPECT_THAT(FilesIn(download), testing::ElementsAre("z")) << row.title << ": the next item follows";
+        EXPECT_GE(TimesLogged(fmt::format("Error is [{:#x}]", row.result), before), 1) << row.title;
+        EXPECT_GE(TimesLogged(row.logged, before), 1) << row.title;
     }
 }
 

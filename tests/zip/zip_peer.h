@@ -3,11 +3,22 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <map>
 #include <random>
 #include <string>
 
+#include "foundation/open_file.h"
+
 namespace kv::test {
+
+/// A file that is open from its beginning to its end.
+struct OpenedFile : OpenFile {
+    OpenedFile(std::u16string_view path, platform::FileAccess access,
+               platform::FileDisposition disposition = platform::FileDisposition::openExisting) {
+        EXPECT_EQ(Open(path, access, platform::FileShare::read, disposition), platform::error::success);
+    }
+};
 
 using Files = std::map<std::string, std::string>;  // contents by path
 
