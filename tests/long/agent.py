@@ -1,6 +1,7 @@
 """The unchanged agent in a folder of its own, under the preloaded library shim.cpp, and the oath that nothing is lost."""
 
-import hashlib
+import collections
+import ctypes
 import json
 import mmap
 import os
@@ -9,12 +10,11 @@ import re
 import shutil
 import signal
 import socket
-import struct
 import subprocess
 import threading
 import time
 
-from server import AGENT_KEY, download, unzipped
+from server import AGENT_KEY, Server, digest, download, unzipped
 
 KEY = r"Software\Halvorine\Kestrova\KVAgent"
 PROGRAMS = pathlib.Path(os.environ.get("KV_LONG_PROGRAMS", pathlib.Path(__file__).parents[2] / "build/release/bin"))
@@ -23,6 +23,7 @@ NONE, KILL_BEFORE, KILL_AFTER, FAIL, WRITE_HALF, SLOW = range(6)
 OPENS, WRITES, RENAMES, UNLINKS, SYNCS, MAKES_FOLDER, READS = (1 << bit for bit in range(7))
 CHANGES = OPENS | WRITES | RENAMES | UNLINKS | SYNCS | MAKES_FOLDER
 SECOND = 1_000_000_000
+KEPT = (16, 1, 0)  # MiB, descriptors and threads that may stay with it after what took them
 
 SCRIPT = """#!/bin/sh
 read -r id </proc/sys/kernel/random/uuid
@@ -36,47 +37,39 @@ class Broken(Exception):
     """A promise that was seen broken."""
 
 
-class Control:
+class Control(ctypes.Structure):
     """The page that the preloaded library shares with us; see the record of this name there."""
 
-    FIELDS = ("rate", "real_start", "monotonic", "wall_offset", "asleep", "count", "fault", "number", "begin", "end", "kinds",
-              "per_million", "seed", "struck")
+    _fields_ = [("rate", ctypes.c_double), *((name, ctypes.c_int64) for name in (
+        "real_start", "monotonic", "wall_offset", "asleep", "count", "fault", "number", "begin", "end", "kinds", "per_million",
+        "seed", "struck"))]
 
-    def __init__(self, path, rate):
-        self.path = path
-        path.write_bytes(bytes(8 * len(self.FIELDS)))
+    @classmethod
+    def make(cls, path, rate):
+        path.write_bytes(bytes(ctypes.sizeof(cls)))
         with open(path, "r+b") as file:
-            self.page = mmap.mmap(file.fileno(), 0)
-        now = time.clock_gettime_ns(time.CLOCK_MONOTONIC)
-        struct.pack_into("d", self.page, 0, rate)
-        self.rate = rate
-        self.set(real_start=now, monotonic=now, wall_offset=time.time_ns() - now)
+            control = cls.from_buffer(mmap.mmap(file.fileno(), 0))
+        control.rate, control.real_start = rate, time.clock_gettime_ns(time.CLOCK_MONOTONIC)
+        control.monotonic, control.wall_offset = control.real_start, time.time_ns() - control.real_start
+        return control
 
-    def set(self, **values):
-        for name, value in values.items():
-            struct.pack_into("q", self.page, 8 * self.FIELDS.index(name), int(value))
-
-    def get(self, name):
-        return struct.unpack_from("q", self.page, 8 * self.FIELDS.index(name))[0]
-
-    def strike(self, fault, number=0, begin=0, end=1 << 62, kinds=CHANGES, per_million=1_000_000, seed=0):
+    def strike(self, fault, number=0, begin=0, end=1 << 61, kinds=CHANGES, per_million=1_000_000, seed=0):
         """From now on: the fault at the operations [begin, end), counted from now."""
-        count = self.get("count")
-        self.set(fault=NONE, number=number, begin=count + begin, end=count + end, kinds=kinds, per_million=per_million,
-                 seed=seed, struck=0)
-        self.set(fault=fault)
+        self.fault, self.number, self.begin, self.end = NONE, number, self.count + begin, self.count + end
+        self.kinds, self.per_million, self.seed, self.struck = kinds, per_million, seed, 0
+        self.fault = fault
 
     def relent(self):
-        self.set(fault=NONE)
+        self.fault = NONE
 
     def wall(self):
         """The fast wall clock, in seconds since 1970."""
-        passed = (time.clock_gettime_ns(time.CLOCK_MONOTONIC) - self.get("real_start")) * self.rate
-        return (self.get("monotonic") + passed + self.get("wall_offset")) / SECOND
+        passed = (time.clock_gettime_ns(time.CLOCK_MONOTONIC) - self.real_start) * self.rate
+        return (self.monotonic + passed + self.wall_offset) / SECOND
 
     def turn(self, seconds):
         """Sets the wall clock by so much."""
-        self.set(wall_offset=self.get("wall_offset") + int(seconds * SECOND))
+        self.wall_offset += int(seconds * SECOND)
 
 
 def workflow(name, records, interval=1):
@@ -93,32 +86,33 @@ def plan(*workflows):
 
 
 class Agent:
-    """An install tree below `folder`/agent. Its settings and files last from one start to the next."""
+    """An install tree below `folder`/agent with a server of its own. Its settings and files last from one start to the next."""
 
-    def __init__(self, folder, port, rate=120, settings=None):
-        self.folder = pathlib.Path(folder)
-        self.tree = self.folder / "agent"
+    def __init__(self, folder, rate=120, settings=None):
+        self.folder = folder
+        self.tree = folder / "agent"
         self.monitoring = self.tree / "monitoring"
         self.data = self.monitoring / "bin/data"
         self.zipdata = self.monitoring / "bin/zipdata"
-        self.witness = self.folder / "witness"
-        self.process = None
+        self.witness = folder / "witness"
         for made in (self.monitoring / "bin", self.monitoring / "conf/scripts", self.tree / "state", self.witness):
             made.mkdir(parents=True, exist_ok=True)
-        self.control = Control(self.folder / "control", rate)
+        self.server, self.process = Server(), None
+        self.plans = []  # that it may have
+        self.control = Control.make(folder / "control", rate)
         self.environment = {**os.environ, "KVAGENT_STATE_DIR": str(self.tree / "state"), "LC_ALL": "C", "TZ": "UTC"}
         self.store({"": {"KVAgentInstallDir": f"{self.tree}/", "CustomerName": "Some customer", "RemoteOfficeName": "Office",
                          "EnableSendAgentStatus": "yes"},
                     "ServerInfo": {"KVServerName": "localhost", "KVServerFlatName": "--", "KVServerIPAddress": "127.0.0.1",
                                    "KVServerSecIPAddress": "--", "KVLastAccessName": "127.0.0.1",
-                                   "KVServerSecurePort": str(port), "KVServerProtocol": "http"},
+                                   "KVServerSecurePort": str(self.server.port), "KVServerProtocol": "http"},
                     "Monitoring": {"MonitoringAgentKey": AGENT_KEY, "MasterAgent": "YES", "RequestAvailable": "NO",
                                    "RequestID": "NONE", "writeInterval": 1}})
         self.store(settings or {})
-        self.write_script("id.sh", SCRIPT.replace("PADDING", ""))
+        self.write_script("id.sh")
         self.is_up = threading.Event()
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.manager.bind(str(self.folder / "notify"))
+        self.manager.bind(str(folder / "notify"))
         threading.Thread(target=self._hear, daemon=True).start()
 
     def store(self, settings):
@@ -143,31 +137,34 @@ class Agent:
         file = self.monitoring / "conf" / name
         return file.read_bytes() if file.is_file() else None
 
+    def check_plan(self):
+        if self.plan() not in self.plans or self.plan("backup/queryconf.txt") not in (None, *self.plans):
+            raise Broken(f"the plan or its backup is neither old nor new: {(self.plan() or b'')[:99]}")
+
     def write_plan(self, content):
+        self.plans.append(content)
         (self.monitoring / "conf/queryconf.txt").write_bytes(content)
 
-    def write_script(self, name, text):
+    def write_script(self, name, padding=""):
+        """A script whose record holds a new id, and what a command prints."""
         path = self.monitoring / "conf/scripts" / name
-        path.write_text(text)
+        path.write_text(SCRIPT.replace("PADDING", padding))
         path.chmod(0o700)
 
-    def write_big_script(self, padding):
-        """big.sh, whose record is large by what a command prints."""
-        self.write_script("big.sh", SCRIPT.replace("PADDING", padding))
-
-    def ask(self, server, *requests):
+    def ask(self, *requests):
         """Orders requests, and says in the registry that they wait."""
-        server.order(*requests)
+        self.server.order(*requests)
         self.store({"Monitoring": {"RequestAvailable": "YES"}})
 
-    def ask_for_plan(self, server, content):
-        self.ask(server, download(server.offer_plan(content)))
+    def order_plan(self, content):
+        self.plans.append(content)
+        self.ask(download(self.server.offer_plan(content)))
 
     def start(self):
         """As the service manager does."""
         self.is_up.clear()
         environment = {**self.environment, "LD_PRELOAD": str(PROGRAMS / "kv_long_shim.so"),
-                       "KV_LONG_CONTROL": str(self.control.path), "KV_LONG_ROOT": f"{self.tree}/",
+                       "KV_LONG_CONTROL": str(self.folder / "control"), "KV_LONG_ROOT": f"{self.tree}/",
                        "KV_LONG_WITNESS": str(self.witness), "NOTIFY_SOCKET": self.manager.getsockname(),
                        "INVOCATION_ID": "0" * 32}
         with open(self.folder / "output", "ab") as output:
@@ -197,13 +194,15 @@ class Agent:
 
     def remove(self):
         self.kill()
+        self.server.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def log(self):
         return "".join(file.read_text("utf-8", "replace") for file in sorted(self.monitoring.glob("logs/agent*.log")))
 
     def last_words(self):
-        return f"its log ends:\n{self.log()[-1500:]}\nand its output:\n{(self.folder / 'output').read_text('utf-8', 'replace')[-500:]}"
+        output = (self.folder / "output").read_text("utf-8", "replace")
+        return f"its log ends:\n{self.log()[-1500:]}\nand its output:\n{output[-500:]}"
 
     def status(self, name):
         """A number of /proc/PID/status."""
@@ -213,6 +212,15 @@ class Agent:
     def usage(self):
         """Resident MiB, descriptors and threads."""
         return self.status("VmRSS") / 1024, len(os.listdir(f"/proc/{self.process.pid}/fd")), self.status("Threads")
+
+    def least_usage(self):
+        """Of a while, because a descriptor may be open for a moment."""
+        return tuple(map(min, zip(*[self.usage() for _ in range(30) if time.sleep(0.02) is None])))
+
+    def gives_back(self, before):
+        """Sees its usage come back to what it was."""
+        self.until(lambda: all(now <= then + more for now, then, more in zip(self.usage(), before, KEPT)),
+                   f"the return of MiB, descriptors and threads to {before} from {self.usage()}")
 
     def virtual(self, seconds):
         """Lets so many seconds of the fast clock pass, which the agent survives."""
@@ -235,53 +243,51 @@ class Agent:
             counted += 0.02 * min(1, os.cpu_count() / max(os.getloadavg()[0], 0.1))
         return self.control.wall() - begin
 
-    def goes_on(self, server, when, patience=30):
+    def goes_on(self, when):
         """Sees a record become complete and an upload be accepted; the seconds of the fast clock until then."""
-        records, uploads = len(os.listdir(self.witness)), server.uploads
-        return self.until(lambda: len(os.listdir(self.witness)) > records and server.uploads > uploads,
-                          f"a record and an upload {when}", patience)
+        records, uploads = len(os.listdir(self.witness)), self.server.uploads
+        return self.until(lambda: len(os.listdir(self.witness)) > records and self.server.uploads > uploads,
+                          f"a record and an upload {when}")
 
     def witnessed(self):
         """Name -> the sha256s of the contents that it had when it was complete."""
         seen = {}
         for path in self.witness.iterdir():
-            if not path.name.endswith(".part"):
-                seen.setdefault(path.name.rsplit(".", 2)[0], set()).add(hashlib.sha256(path.read_bytes()).hexdigest())
+            if path.suffix != ".part":
+                seen.setdefault(path.name.rsplit(".", 2)[0], set()).add(digest(path.read_bytes()))
         return seen
 
     def waiting(self):
         """Name -> the sha256s of its copies that wait on the disk."""
         found = {}
-        for path in self.data.glob("*.txt"):
-            found.setdefault(path.name, set()).add(hashlib.sha256(path.read_bytes()).hexdigest())
-        for path in self.zipdata.glob("*.zip"):
-            for name, content in unzipped(path).items():
-                found.setdefault(name, set()).add(hashlib.sha256(content).hexdigest())
+        records = [{path.name: path.read_bytes()} for path in self.data.glob("*.txt")]
+        for contents in (*records, *map(unzipped, self.zipdata.glob("*.zip"))):
+            for name, content in contents.items():
+                found.setdefault(name, set()).add(digest(content))
         return found
 
-    def vouch(self, server):
+    def vouch(self):
         """Sees that each complete record waits or has arrived, as it was, and under a number of its own; how many there
         were, and how many came twice. The agent does not run meanwhile."""
         seen, waiting = self.witnessed(), self.waiting()
         for name, contents in seen.items():
-            arrived = server.records.get(name, {})
+            arrived = self.server.records.get(name, {})
             if len(contents) > 1:
                 raise Broken(f"the number of {name} was used for {len(contents)} contents")
             if not contents <= waiting.get(name, set()) | set(arrived):
                 raise Broken(f"{name} is lost: arrived {bool(arrived)}, waits {name in waiting}")
-        for name, contents in server.records.items():
+        for name, contents in self.server.records.items():
             if len(contents) > 1:
                 raise Broken(f"{name} arrived with {len(contents)} contents")
-        return len(seen), sum(sum(copies.values()) > 1 for copies in server.records.values())
+        return collections.Counter(records=len(seen), twice=sum(sum(copies.values()) > 1 for copies in self.server.records.values()))
 
-
-def settle(agent, server, patience=60):
-    """Runs the agent on an honest server and a healthy disk until nothing waits, and vouches."""
-    agent.kill()
-    server.fault = None
-    agent.control.relent()
-    agent.write_plan(plan())
-    agent.start()
-    agent.until(lambda: not any((*agent.data.glob("*.txt"), *agent.zipdata.glob("*.zip"))), "an empty queue", patience)
-    agent.kill()
-    return agent.vouch(server)
+    def settle(self, patience=60):
+        """Runs it on an honest server and a healthy disk until nothing waits, and vouches."""
+        self.kill()
+        self.server.fault = None
+        self.control.relent()
+        self.write_plan(plan())
+        self.start()
+        self.until(lambda: not any((*self.data.glob("*.txt"), *self.zipdata.glob("*.zip"))), "an empty queue", patience)
+        self.kill()
+        return self.vouch()

@@ -4,8 +4,7 @@ import calendar
 import signal
 import time
 
-from agent import SECOND, Agent, Broken, plan, script, settle, workflow
-from server import Server
+from agent import SECOND, Agent, Broken, plan, script, workflow
 
 MINUTE, HOUR, DAY, YEAR = 60, 3600, 86400, 31_557_600
 STEPS = [sign * size for size in (1, 2, 59, HOUR, 25 * HOUR, 40 * DAY, YEAR, 30 * YEAR) for sign in (-1, 1)]
@@ -17,72 +16,70 @@ MOMENTS = {
 }
 
 
-class Watch:
+class Watch(Agent):
     """An agent with a workflow of one minute, and what comes of it after each change of its clock."""
 
     def __init__(self, folder):
-        self.server = Server()
-        self.agent = Agent(folder, self.server.port)
-        self.agent.write_plan(plan(workflow("w", [script("One")]), workflow("v", [script("Two")], interval=2)))
+        super().__init__(folder)
+        self.write_plan(plan(workflow("w", [script("One")]), workflow("v", [script("Two")], interval=2)))
         self.worst = 0.0
 
     def goes_on(self, what):
-        """Sees a record and an upload come."""
-        self.worst = max(self.worst, self.agent.goes_on(self.server, f"after {what}") / MINUTE)
+        self.worst = max(self.worst, super().goes_on(f"after {what}") / MINUTE)
 
     def set_to(self, moment):
-        self.agent.control.turn(moment - self.agent.control.wall())
+        self.control.turn(moment - self.control.wall())
 
     def steps(self):
-        self.agent.start()
+        self.start()
         self.goes_on("a start")
         for step in STEPS:
-            self.agent.control.turn(step)
+            self.control.turn(step)
             self.goes_on(f"a step of {step} s")
             if step < 0 and step % HOUR == 0:  # and a start at a time before that of its own files
-                self.agent.kill()
-                self.agent.start()
+                self.kill()
+                self.start()
                 self.goes_on(f"a start after a step of {step} s")
-        self.agent.kill()
+        self.kill()
 
     def moments(self):
         for name, moment in MOMENTS.items():
             self.set_to(moment - MINUTE)
-            self.agent.start()
+            self.start()
             self.goes_on(f"a start before {name}")
-            self.agent.until(lambda: self.agent.control.wall() > moment + MINUTE, "the moment")
+            self.until(lambda: self.control.wall() > moment + MINUTE, "the moment")
             self.goes_on(name)
-            self.agent.kill()
+            self.kill()
         self.set_to(time.time())
 
     def sleep(self):
         """Stopped by a signal; then suspended for hours, in which the monotonic clock stands still."""
-        self.agent.start()
+        self.start()
         self.goes_on("a start")
         for seconds in (0.2, 1.5):
-            self.agent.process.send_signal(signal.SIGSTOP)
+            self.process.send_signal(signal.SIGSTOP)
             time.sleep(seconds)
-            self.agent.process.send_signal(signal.SIGCONT)
+            self.process.send_signal(signal.SIGCONT)
             self.goes_on(f"{seconds} s of SIGSTOP")
         for hours in (1, 8, 24 * 20):
-            records = len(self.agent.witnessed())
-            self.agent.control.set(asleep=self.agent.control.get("asleep") + hours * HOUR * SECOND)
-            self.agent.control.turn(hours * HOUR)
+            records = len(self.witnessed())
+            self.control.asleep += hours * HOUR * SECOND
+            self.control.turn(hours * HOUR)
             self.goes_on(f"{hours} hours of sleep")
-            self.agent.virtual(3 * MINUTE)
-            if (burst := len(self.agent.witnessed()) - records) > 100:
+            self.virtual(3 * MINUTE)
+            if (burst := len(self.witnessed()) - records) > 100:
                 raise Broken(f"{burst} records came at once after {hours} hours of sleep")
-        self.agent.kill()
+        self.kill()
 
 
 def run(seed, quick, folder):
     watch = Watch(folder / "clock")
     for part in (watch.steps, watch.moments, watch.sleep):
         part()
-        watch.agent.vouch(watch.server)
-    records, twice = settle(watch.agent, watch.server)
+        watch.vouch()
+    totals = watch.settle()
     return [
         f"{len(STEPS)} steps of the clock by 1 second to 30 years, back and forth, with starts before the times of its own files; "
         f"{len(MOMENTS)} moments run through ({', '.join(MOMENTS)}); SIGSTOP, and sleep of 1 hour, 8 hours and 20 days",
         f"a record and an upload came after each within {watch.worst:.1f} minutes of its clock (the plan has one a minute); "
-        f"{records} records, 0 lost, {twice} came twice"]
+        f"{totals['records']} records, 0 lost, {totals['twice']} came twice"]

@@ -1,6 +1,7 @@
 """A disk that is full, nearly full, without inodes, read-only, slow, over its quota, or fails: the agent lives, goes on by
 itself once the disk is well, its plan and registry are old or new, and each record that was complete arrives."""
 
+import collections
 import contextlib
 import errno
 import os
@@ -10,10 +11,10 @@ import signal
 import subprocess
 import time
 
-from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES, Agent, Broken,
-                   settle)
-from kill import plan_number
-from server import AGENT_KEY, Server
+from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SECOND, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES,
+                   Agent, Broken)
+from kill import BIG, plan_number
+from server import AGENT_KEY
 
 ROUNDS = 300
 ROUNDS_OF_A_TREE = 15
@@ -74,122 +75,95 @@ class Disk:
         subprocess.run(["umount", "-l", self.place], check=True)
 
 
-# name, what is done to the tree for a while; each is given the tree and a source of chance
-def full(tree, chance):
-    tree.disk.fill(0)
+# What is done to the tree for a while, which is given with a source of chance.
+FAULTS = {
+    "full": lambda tree, chance: tree.disk.fill(0),
+    "nearly full": lambda tree, chance: tree.disk.fill(chance.randrange(1, 60) * 4096),
+    "without inodes": lambda tree, chance: tree.disk.take_inodes(chance.choice((0, 0, 1, 2, 5))),
+    "read-only": lambda tree, chance: tree.become_read_only(chance.random() < 0.5),
+    "slow": lambda tree, chance: tree.become_slow(chance.uniform(0.001, 0.01)),
+    "over its quota": lambda tree, chance: tree.control.strike(FAIL, errno.EDQUOT, kinds=TAKES_SPACE,
+                                                               per_million=chance.choice((1_000_000, 300_000))),
+    "writing half": lambda tree, chance: tree.control.strike(WRITE_HALF, errno.ENOSPC, kinds=WRITES,
+                                                             per_million=chance.choice((1_000_000, 300_000))),
+    "failing": lambda tree, chance: tree.control.strike(
+        FAIL, errno.EIO, kinds=chance.choice((CHANGES, CHANGES | READS, WRITES | SYNCS, RENAMES | UNLINKS, OPENS)),
+        per_million=chance.choice((1_000_000, 200_000, 50_000)), seed=chance.randrange(1 << 30)),
+}
 
 
-def nearly_full(tree, chance):
-    tree.disk.fill(chance.randrange(1, 60) * 4096)
-
-
-def without_inodes(tree, chance):
-    tree.disk.take_inodes(chance.choice((0, 0, 1, 2, 5)))
-
-
-def read_only(tree, chance):
-    # From its start; a running agent keeps files open for writing, which holds a remount off, and FUSE closes them late.
-    if not tree.disk.delay and chance.random() < 0.5:
-        tree.agent.kill()
-        tree.disk.remount("ro")
-        tree.agent.start()
-    else:
-        tree.agent.control.strike(FAIL, errno.EROFS)
-
-
-def slow(tree, chance):
-    if tree.disk.delay:
-        tree.disk.wait(chance.uniform(0.001, 0.01))
-    else:
-        tree.agent.control.strike(SLOW, chance.randrange(1, 20) * 1_000_000, per_million=300_000, kinds=CHANGES | READS)
-
-
-def over_quota(tree, chance):
-    tree.agent.control.strike(FAIL, errno.EDQUOT, kinds=TAKES_SPACE, per_million=chance.choice((1_000_000, 300_000)))
-
-
-def writes_half(tree, chance):
-    tree.agent.control.strike(WRITE_HALF, errno.ENOSPC, kinds=WRITES, per_million=chance.choice((1_000_000, 300_000)))
-
-
-def failing(tree, chance):
-    kinds = chance.choice((CHANGES, CHANGES | READS, WRITES | SYNCS, RENAMES | UNLINKS, OPENS))
-    tree.agent.control.strike(FAIL, errno.EIO, kinds=kinds, per_million=chance.choice((1_000_000, 200_000, 50_000)),
-                              seed=chance.randrange(1 << 30))
-
-
-FAULTS = (full, nearly_full, without_inodes, read_only, slow, over_quota, writes_half, failing)
-
-
-class Tree:
-    def __init__(self, folder, server, slowed):
+class Tree(Agent):
+    def __init__(self, folder, slowed):
         self.disk = Disk(folder, slowed)
-        self.server = server
-        self.agent = Agent(folder, server.port, settings={"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 5}})
-        self.agent.write_big_script("head -c 150000 /dev/zero | tr '\\0' x")
-        self.plans = [plan_number(0)]
-        self.agent.write_plan(self.plans[0])
-        self.agent.start()
-        self.agent.until(self.agent.witnessed, "a first record")
+        super().__init__(folder, settings={"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 5}})
+        self.write_script("big.sh", BIG)
+        self.write_plan(plan_number(0))
+        self.start()
+        self.until(self.witnessed, "a first record")
 
-    def order_plan(self):
-        self.plans.append(plan_number(len(self.plans)))
-        self.agent.ask_for_plan(self.server, self.plans[-1])
+    def become_read_only(self, at_start):
+        # A running agent keeps files open for writing, which holds a remount off, and FUSE closes them late.
+        if at_start and not self.disk.delay:
+            self.kill()
+            self.disk.remount("ro")
+            self.start()
+        else:
+            self.control.strike(FAIL, errno.EROFS)
 
-    def suffer(self, fault, chance):
+    def become_slow(self, seconds):
+        if self.disk.delay:
+            self.disk.wait(seconds)
+        else:
+            self.control.strike(SLOW, seconds * SECOND, per_million=300_000, kinds=CHANGES | READS)
+
+    def round(self, fault, chance):
         """The fault for up to four minutes of the agent's clock, which one in ten times is stopped in the midst of it."""
+        if chance.random() < 0.3:
+            self.order_plan(plan_number(len(self.plans)))
         fault(self, chance)
-        self.agent.virtual(chance.uniform(30, 240))
-        self.check("while it lasts")
+        self.virtual(chance.uniform(30, 240))
+        self.check()
         if chance.random() < 0.1:
-            self.agent.kill()
-
-    def recover(self):
-        self.agent.control.relent()
+            self.kill()
+        self.control.relent()
         self.disk.heal()
-        if not self.agent.is_running():
-            self.agent.start()
-        self.agent.goes_on(self.server, "on the disk that is well again")
-        self.check("once it is over")
-        kept = [self.agent.setting("ServerInfo", "KVServerSecurePort"), self.agent.setting("Monitoring", "MonitoringAgentKey")]
+        if not self.is_running():
+            self.start()
+        self.goes_on("on the disk that is well again")
+        self.check()
+        kept = [self.setting("ServerInfo", "KVServerSecurePort"), self.setting("Monitoring", "MonitoringAgentKey")]
         if kept != [str(self.server.port), AGENT_KEY]:
             raise Broken(f"the registry has {kept}")
 
-    def check(self, when):
-        self.agent.process.send_signal(signal.SIGSTOP)
+    def check(self):
+        self.process.send_signal(signal.SIGSTOP)
         try:
-            if self.agent.plan() not in self.plans:
-                raise Broken(f"the plan is neither old nor new {when}")
-            self.agent.vouch(self.server)
+            self.check_plan()
+            self.vouch()
         finally:
-            self.agent.process.send_signal(signal.SIGCONT)
+            self.process.send_signal(signal.SIGCONT)
 
 
 def run(seed, quick, folder):
     rounds = ROUNDS // (20 if quick else 1)
     has_fuse = os.access("/dev/fuse", os.R_OK | os.W_OK)
-    records = twice = 0
+    totals = collections.Counter()
     for start in range(0, rounds, ROUNDS_OF_A_TREE):
         chance = random.Random(f"{seed}/{start}")
-        tree = Tree(folder / f"disk-{start}", Server(), has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0)
-        for round_ in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
-            fault = FAULTS[round_ % len(FAULTS)]
+        tree = Tree(folder / f"disk-{start}", has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0)
+        for number in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
+            name = list(FAULTS)[number % len(FAULTS)]
             try:
-                if chance.random() < 0.3:
-                    tree.order_plan()
-                tree.suffer(fault, chance)
-                tree.recover()
+                tree.round(FAULTS[name], chance)
             except Broken as broken:
-                raise Broken(f"round {round_}, {fault.__name__}: {broken}")
-        settled = settle(tree.agent, tree.server)
-        records, twice = records + settled[0], twice + settled[1]
-        tree.server.close()
+                raise Broken(f"round {number}, {name}: {broken}")
+        totals += tree.settle()
         tree.disk.close()
-        tree.agent.remove()
+        tree.remove()
     return [
-        f"{rounds} rounds of {', '.join(fault.__name__.replace('_', ' ') for fault in FAULTS)} in turn",
+        f"{rounds} rounds on a disk that is in turn {', '.join(FAULTS)}",
         "full, without inodes and read-only from the start are a real file system of 6 MiB; "
         f"{'half of the slow ones are a real one of FUSE; ' if has_fuse else ''}"
         "the others, quota, half a write and EIO come from the preloaded library, operation by operation",
-        f"the agent lived and went on by itself in each; {records} records were complete, 0 lost; {twice} came twice; plan and "
-        "registry were old or new"]
+        f"the agent lived and went on by itself in each; {totals['records']} records were complete, 0 lost; {totals['twice']} came "
+        "twice; plan and registry were old or new"]

@@ -1,5 +1,6 @@
 """The central server of the long gate: its servlets on a loopback port, with faults, and what it has accepted."""
 
+import collections
 import contextlib
 import hashlib
 import io
@@ -78,6 +79,10 @@ def answer(status=200, body=b"", headers=(), reason="OK"):
     return ("\r\n".join(lines + [f"{name}: {value}" for name, value in headers]) + "\r\n\r\n").encode() + body
 
 
+def digest(content):
+    return hashlib.sha256(content).hexdigest()
+
+
 def zipped(members):
     """The bytes of a zip with these names and contents."""
     target = io.BytesIO()
@@ -112,7 +117,6 @@ class Server:
         self.snmp_timeout = 5  # seconds
         self.lock = threading.Lock()
         self.records = {}      # name -> {sha256 of the content: how often it came}
-        self.zips = {}         # FILENAME -> how often it came
         self.uploads = 0       # that were accepted
         self.seen = []         # (kind, query) of each request
         self.answered = set()  # requestIds
@@ -193,11 +197,7 @@ class Server:
         except (zipfile.BadZipFile, EOFError):
             return False
         with self.lock:
-            name = request.query.get("FILENAME")
             self.uploads += 1
-            self.zips[name] = self.zips.get(name, 0) + 1
             for record, content in contents.items():
-                copies = self.records.setdefault(record, {})
-                digest = hashlib.sha256(content).hexdigest()
-                copies[digest] = copies.get(digest, 0) + 1
+                self.records.setdefault(record, collections.Counter())[digest(content)] += 1
         return True

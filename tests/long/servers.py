@@ -12,8 +12,8 @@ import select
 import statistics
 import sys
 
-from agent import Agent, Broken, plan, script, settle, workflow
-from server import AGENT_KEY, Request, Server, answer, download, test_monitor, zipped
+from agent import Agent, Broken, plan, script, workflow
+from server import AGENT_KEY, Request, answer, download, test_monitor, zipped
 
 RATE = 120
 BOUND = 600  # seconds of the fast clock from an honest server to an agent that is well
@@ -149,50 +149,46 @@ FAULTS_OF_LARGE_UPLOADS = {
     "takes half, says 200, resets": half(answer(), wait_before=20, end=Request.reset),
     "says 200, then takes all": for_large(answers_early),
 }
+ALL_FAULTS = {**FAULTS, **FAULTS_OF_LARGE_UPLOADS}
 
 
-class Drill:
+class Target(Agent):
+    """An agent, and what its server does to it."""
+
     def __init__(self, folder, seed):
-        self.server = Server()
-        self.agent = Agent(folder, self.server.port, RATE)
-        self.agent.write_big_script("head -c 1200000 /dev/urandom | base64 -w0")
-        self.random, self.number, self.doing, self.plans = random.Random(seed), 0, "the start", []
+        super().__init__(folder, RATE)
+        self.write_script("big.sh", "head -c 1200000 /dev/urandom | base64 -w0")
+        self.random, self.number, self.doing = random.Random(seed), 0, "the start"
         self.strikes, self.recoveries, self.usages = collections.Counter(), [], []
 
-    def until(self, condition, what, bound=BOUND):
-        return self.agent.until(condition, what, bound / RATE)
-
-    def write_plan(self, *more):
-        self.plans = [plan(workflow("Ids", [script("Id")]), *more)]  # that it may have
-        self.agent.write_plan(self.plans[0])
+    def see(self, condition, what, bound=BOUND):
+        return self.until(condition, what, bound / RATE)
 
     def order(self, *kinds):
-        """Requests of these kinds; what tells whether the last test has its answer."""
+        """Requests of these kinds; what tells whether the test has its answer."""
         self.number += 1
         requests = [test_monitor(self.number)] if "test" in kinds else []
         if "plan" in kinds:
             self.plans.append(plan(workflow(f"Plan {self.number}", [script(f"Id{self.number}")])))
             requests.append(download(self.server.offer_plan(self.plans[-1]), self.number))
-        self.agent.ask(self.server, *requests)
+        self.ask(*requests)
         return lambda number=str(self.number): number in self.server.answered
 
     def strike(self, fault, kinds):
         """The fault from now on; what tells whether it has struck each kind."""
-        struck, refusals = collections.Counter(), self.agent.log().count("12029")
+        struck, refusals = collections.Counter(), self.log().count("12029")
 
         def strikes(request):
-            is_struck = request.kind in kinds and "/elsewhere" not in request.target
-            if is_struck:
-                with self.server.lock:
-                    for kind in (request.kind, *["large"] * (request.left > LARGE)):
-                        struck[kind] += 1
-                        self.strikes[kind] += 1
-                fault(request)
-            return is_struck
+            if request.kind not in kinds or "/elsewhere" in request.target:
+                return False
+            with self.server.lock:
+                for counter in (struck, self.strikes):
+                    counter.update([request.kind, *["large"] * (request.left > LARGE)])
+            fault(request)
+            return True
 
         self.server.fault = strikes
-        return lambda: set(kinds) <= struck.keys() or (
-            not self.server.is_open and self.agent.log().count("12029") > refusals + 2)
+        return lambda: set(kinds) <= struck.keys() or (not self.server.is_open and self.log().count("12029") > refusals + 2)
 
     def relent(self):
         self.server.fault = None
@@ -201,133 +197,114 @@ class Drill:
 
     def recover(self, **conditions):
         """On an honest server: new uploads are accepted, none of the old ones waits, and what else is given comes true."""
-        uploads, old = self.server.uploads, list(self.agent.zipdata.glob("*.zip"))
+        uploads, old = self.server.uploads, list(self.zipdata.glob("*.zip"))
         self.relent()
         conditions["uploads"] = lambda: self.server.uploads > uploads and not any(path.exists() for path in old)
-        self.recoveries.append(sum(self.until(condition, what) for what, condition in conditions.items()))
+        self.recoveries.append(sum(self.see(condition, what) for what, condition in conditions.items()))
 
-    def has_plan(self):
-        return self.agent.plan() == self.plans[-1]
+    def serve_all(self):
+        """Sees it well: a list is answered, its plan taken, and what a fault took is given back."""
+        self.see(self.is_idle, "the end of a list")
+        self.recover(answer=self.order("test", "plan"), plan=lambda: self.plan() == self.plans[-1])
+        self.usages = self.usages or [self.least_usage()]  # with an honest server
+        self.gives_back(self.usages[0])
+        self.usages.append(self.usage())
 
     def is_idle(self):
         """Whether no list is served or waits."""
-        return [self.agent.setting("Monitoring", name) for name in ("RequestID", "RequestAvailable")] == ["NONE", "NO"]
-
-    def is_back(self):
-        """Whether it has given back what a fault took; the first run is with an honest server."""
-        used = self.agent.usage()
-        first = self.usages[0] if self.usages else used
-        is_back = all(now <= before + more for now, before, more in zip(used, first, (16, 1, 0)))
-        if is_back:
-            self.usages.append(used)
-        return is_back
+        return [self.setting("Monitoring", name) for name in ("RequestID", "RequestAvailable")] == ["NONE", "NO"]
 
     def meet(self, name, fault):
-        """One run of the agent with one fault."""
-        self.doing, is_large = name, name in FAULTS_OF_LARGE_UPLOADS
-        self.write_plan(*[workflow("Big", [script("Big", "big.sh")], interval=600)] * is_large)
-        for path in self.agent.monitoring.glob("logs/*.log"):
+        """One run with one fault."""
+        self.doing, large = name, ["large"] * (name in FAULTS_OF_LARGE_UPLOADS)
+        self.write_plan(plan(workflow("Ids", [script("Id")]), *[workflow("Big", [script("Big", "big.sh")], 600)] * len(large)))
+        for path in self.monitoring.glob("logs/*.log"):
             path.unlink()
-        is_answered = self.order("test")
-        has_struck = self.strike(fault, (*START, *["large"] * is_large))
-        self.agent.start()
-        self.until(has_struck, "a strike at each request of the start", 2 * BOUND)
-        self.recover(answer=is_answered, registration=lambda: "Registered with agent key" in self.agent.log())
-        self.meet_list(fault)
-        self.meet_stop(fault)
-        self.agent.vouch(self.server)
-        if (key := self.agent.setting("Monitoring", "MonitoringAgentKey")) != AGENT_KEY:
-            raise Broken(f"the agent's key is {key}")
-
-    def meet_list(self, fault):
-        self.until(self.is_idle, "the end of the first list")
-        has_struck = self.strike(fault, LIST)
-        self.order("test", "plan")
-        self.until(has_struck, "a strike at each request of a list", 2 * BOUND)
-        self.until(lambda: "got queryconf" in self.agent.log(), "the end of the plan's download", 2 * BOUND)
-        if self.agent.plan() not in self.plans:
-            raise Broken("the plan is neither old nor new")
+        is_answered, has_struck = self.order("test"), self.strike(fault, (*START, *large))
+        self.start()
+        self.see(has_struck, "a strike at each request of the start", 2 * BOUND)
+        self.recover(answer=is_answered, registration=lambda: "Registered with agent key" in self.log())
+        self.see(self.is_idle, "the end of the first list")
+        has_struck, _ = self.strike(fault, LIST), self.order("test", "plan")
+        self.see(has_struck, "a strike at each request of a list", 2 * BOUND)
+        self.see(lambda: "got queryconf" in self.log(), "the end of the plan's download", 2 * BOUND)
+        self.check_plan()
         self.relent()
-        self.until(self.is_idle, "the end of the list")
-        self.recover(answer=self.order("test", "plan"), plan=self.has_plan)
-        self.until(self.is_back, "the return of memory, descriptors and threads")
+        self.serve_all()
+        self.meet_stop(fault)
+        self.vouch()
+        if (key := self.setting("Monitoring", "MonitoringAgentKey")) != AGENT_KEY:
+            raise Broken(f"the agent's key is {key}")
 
     def meet_stop(self, fault):
         has_struck = self.strike(fault, STOP)
         for _ in range(5):  # the agent waits for 20 seconds of the fast clock, in which a busy machine may not hear of it
-            self.agent.stop()
+            self.stop()
             if has_struck():
                 return self.relent()
-            self.agent.start()
-            self.agent.virtual(MINUTE)
+            self.start()
+            self.virtual(MINUTE)
         raise Broken("no report of a stop came")
 
     def act(self):
         """Something that happens while a server is as it is."""
         action = self.random.choices(("nothing", "test", "plan", "kill", "stop"), (8, 4, 4, 2, 1))[0]
-        if action == "kill":
-            self.agent.kill()
-        elif action == "stop":
-            self.agent.stop()
+        if action in ("kill", "stop"):
+            getattr(self, action)()
+            self.start()
         elif action != "nothing":
             self.order(action)
-        if not self.agent.is_running():
-            self.agent.start()
 
     def walk(self, seconds):
         """Every few minutes another fault at some requests or all, or an honest server; how many phases there were."""
-        phases, faults = 0, {**FAULTS, **FAULTS_OF_LARGE_UPLOADS}
-        self.agent.store({"Monitoring": {"DataCollectionTimeout": 20}})  # so that collection stops, and goes on
-        self.write_plan(workflow("Big", [script("Big", "big.sh")], interval=60))
-        self.agent.start()
-        end = self.agent.control.wall() + seconds
-        while (left := end - self.agent.control.wall()) > 0:
+        phases, kinds = 0, [*START, *LIST, *STOP]
+        self.store({"Monitoring": {"DataCollectionTimeout": 20}})  # so that collection stops, and goes on
+        self.write_plan(plan(workflow("Ids", [script("Id")]), workflow("Big", [script("Big", "big.sh")], 60)))
+        self.start()
+        end = self.control.wall() + seconds
+        while (left := end - self.control.wall()) > 0:
             phases += 1
-            name = self.random.choice(("honest", *faults) if self.random.random() < 0.7 else ("honest",))
-            kinds = [*START, *LIST, *STOP]
-            if self.random.random() < 0.5:
-                kinds = self.random.sample(kinds, self.random.randint(1, 3))
+            name = self.random.choice(("honest", *ALL_FAULTS) if self.random.random() < 0.7 else ("honest",))
+            some = self.random.sample(kinds, self.random.choice((1, 2, 3, 7, 7, 7)))
             self.doing = f"the walk, {left / MINUTE:.0f} minutes before its end, {name}"
             if name != "honest":
-                self.strike(faults[name], kinds)
+                self.strike(ALL_FAULTS[name], some)
             self.act()
-            self.agent.virtual(self.random.uniform(1, 6) * MINUTE)
+            self.virtual(self.random.uniform(1, 6) * MINUTE)
             self.relent()
+            self.check_plan()
             if name == "honest":
-                self.recover(plan=lambda: self.agent.plan() in self.plans)
-        self.until(self.is_idle, "the end of the last list")
-        self.recover(answer=self.order("test", "plan"), plan=self.has_plan)
-        self.until(self.is_back, "the return of memory, descriptors and threads")
+                self.recover()
+        self.serve_all()
         return phases
 
 
-def run_parts(drill, chosen, walk):
-    drill.meet("an honest server", honest)
+def run_parts(target, chosen, walk):
+    target.meet("an honest server", honest)
     for number, (name, fault) in enumerate(chosen.items()):
-        drill.meet(name, fault)
+        target.meet(name, fault)
         if number % 20 == 19:
             print(f"servers: {number + 1} of {len(chosen)} faults", file=sys.stderr)
-    single = drill.strikes.total()
-    phases = drill.walk(walk)
-    stops = drill.agent.log().count("stopping datacollection")
-    records, twice = settle(drill.agent, drill.server)
-    memory = [used[0] for used in drill.usages]
+    single = target.strikes.total()
+    phases = target.walk(walk)
+    stops = target.log().count("stopping datacollection")
+    totals, memory = target.settle(), [used[0] for used in target.usages]
     return [
         f"{len(chosen)} faults at seven kinds of request struck {single} times, and a walk of {phases} phases over "
-        f"{walk / MINUTE:.0f} virtual minutes {drill.strikes.total() - single} times; collection stopped {stops} times as uploads "
-        f"failed, and went on.",
-        f"{records} complete records: none lost, {twice} came twice.",
+        f"{walk / MINUTE:.0f} virtual minutes {target.strikes.total() - single} times; collection stopped {stops} times as "
+        "uploads failed, and went on.",
+        f"{totals['records']} complete records: none lost, {totals['twice']} came twice.",
         f"From an honest server to an agent that registers, uploads, answers and takes a plan: "
-        f"{statistics.median(drill.recoveries):.0f} virtual seconds in the middle, {max(drill.recoveries):.0f} at most "
+        f"{statistics.median(target.recoveries):.0f} virtual seconds in the middle, {max(target.recoveries):.0f} at most "
         f"(bound: {BOUND} for each).",
         f"Memory after a fault: {memory[0]:.0f} MB with an honest server, {max(memory):.0f} MB at most; descriptors and "
-        f"threads came back to {drill.usages[0][1]} and {drill.usages[0][2]}."]
+        f"threads came back to {target.usages[0][1]} and {target.usages[0][2]}."]
 
 
 def run(seed, quick, folder):
-    drill, faults = Drill(folder / "servers", seed), {**FAULTS, **FAULTS_OF_LARGE_UPLOADS}
-    chosen = dict(drill.random.sample(list(faults.items()), 4)) if quick else faults
+    target = Target(folder / "servers", seed)
+    chosen = {name: ALL_FAULTS[name] for name in target.random.sample(list(ALL_FAULTS), 4 if quick else len(ALL_FAULTS))}
     try:
-        return run_parts(drill, chosen, WALK / 20 if quick else WALK)
+        return run_parts(target, chosen, WALK / 20 if quick else WALK)
     except Broken as broken:
-        raise Broken(f"{drill.doing}: {broken}") from broken
+        raise Broken(f"{target.doing}: {broken}") from broken
