@@ -143,7 +143,9 @@ void ReadInLab(const std::string& record) {
     const std::string plain = lab::PlainJson(document.value.get());
     const lab::ParsedJson again = lab::ParseJson(plain);
     Require(again.valid && lab::PlainJson(again.value.get()) == plain);
-    Require(SameFacts(facts, lab::FactsOf("1", {text.file, plain, true}, 0)));
+    // What is not an object is quoted as it was written, also a number beyond 64 bits.
+    if (json_object_is_type(document.value.get(), json_type_object))
+        Require(SameFacts(facts, lab::FactsOf("1", {text.file, plain, true}, 0)));
 }
 
 /// What the agent's own reader takes stays as it is when it is written and read again. Each writing turns the order of
