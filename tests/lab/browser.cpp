@@ -1,10 +1,9 @@
 #include "tests/lab/browser.h"
 
-#include <algorithm>
 #include <chrono>
 #include <fmt/format.h>
 #include <fmt/printf.h>
-#include <openssl/evp.h>
+#include <json-c/json.h>
 #include <regex>
 #include <stdexcept>
 
@@ -22,16 +21,6 @@ constexpr const char* newSession =
     "goog:loggingPrefs":{"browser":"ALL"},"goog:chromeOptions":{
     "args":["--headless=new","--no-sandbox","--disable-gpu","--disable-dev-shm-usage","--hide-scrollbars",
             "--user-data-dir=%s"]}}}})";
-
-std::string FromBase64(const std::string& text) {
-    std::string bytes(text.size() / 4 * 3, '\0');
-    const int size =
-        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                        reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-    if (size < 0) throw std::runtime_error("the picture is not base64");
-    bytes.resize(static_cast<std::size_t>(size) - static_cast<std::size_t>(std::count(text.begin(), text.end(), '=')));
-    return bytes;
-}
 
 std::string Quoted(const std::string& text) { return PlainJson(Json(JsonText(text)).get()); }
 
@@ -108,7 +97,7 @@ std::string Browser::Picture() {
     const ParsedJson answer = ParseJson(Command("Page.captureScreenshot", "{}"));
     json_object* data = nullptr;
     if (!json_object_object_get_ex(answer.value.get(), "data", &data)) throw std::runtime_error("no picture");
-    return FromBase64(json_object_get_string(data));
+    return json_object_get_string(data);
 }
 
 }  // namespace kv::lab::test

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <httplib.h>
-#include <json-c/json.h>
 #include <optional>
 #include <string>
 
@@ -36,7 +35,7 @@ class Browser {
     /// What the console of the pages has said since the last call, an array as JSON.
     std::string Console();
 
-    /// What is in the view, as the bytes of a PNG file.
+    /// What is in the view, as a PNG file in base64.
     std::string Picture();
 
     /// Runs a command of the DevTools protocol with its parameters, and gives its result, both as JSON.

@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <exception>
 #include <fmt/format.h>
-#include <fstream>
 
 #include "tests/lab/browser.h"
 
@@ -22,10 +21,10 @@ constexpr View views[] = {
 
 void Keep(Browser& browser, const std::string& folder, const char* name) {
     const std::string path = fmt::format("{}/{}.png", folder, name);
-    const std::string picture = browser.Picture();
-    std::ofstream file(path, std::ios::binary);
-    file.write(picture.data(), static_cast<std::streamsize>(picture.size()));
-    if (!file.flush()) throw std::runtime_error("cannot write " + path);
+    FILE* const decoder = popen(fmt::format("base64 -d >'{}'", path).c_str(), "w");
+    if (decoder == nullptr) throw std::runtime_error("cannot start base64");
+    std::fputs(browser.Picture().c_str(), decoder);
+    if (pclose(decoder) != 0) throw std::runtime_error("cannot write " + path);
     fmt::print("{}\n", path);
 }
 

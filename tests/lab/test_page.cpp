@@ -176,17 +176,10 @@ class PageInBrowser : public Lab {
 
 TEST_F(PageInBrowser, IsForAllReaders) {
     FillTheLab();
-    std::vector<std::string> paths{"/",
-                                   "/?range=1w&agent=LAB1&failed=1",
-                                   "/?agent=nobody",
-                                   "/records",
-                                   "/requests",
-                                   "/agents",
-                                   "/plot?member=anna%20Quota",
-                                   "/plot?agent=LAB1&member=anna%20Quota",
-                                   "/plot?member=.1.3.6.1.2.1.2.2.1.10.2"};
-    for (const char* const record : {"2", "3", "10", "11", "13"}) paths.push_back(std::string("/record/") + record);
-    Inspect(paths);
+    Inspect({"/", "/?range=1w&agent=LAB1&failed=1", "/?agent=nobody", "/records", "/requests", "/agents",
+             "/plot?member=anna%20Quota", "/plot?agent=LAB1&member=anna%20Quota",
+             "/plot?member=.1.3.6.1.2.1.2.2.1.10.2", "/record/2", "/record/3", "/record/10", "/record/11",
+             "/record/13"});
 }
 
 TEST_F(PageInBrowser, IsForAllReadersOfAnEmptyLab) {

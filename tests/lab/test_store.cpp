@@ -88,17 +88,19 @@ TEST(RecordFacts, OfAClockAheadMoveBackTogether) {
     EXPECT_EQ(facts[0].collected, arrived - 240'000) << "those before the tolerance move, too";
 }
 
+/// The first column of a query.
+std::vector<std::string> Lines(Store& store, const std::string& sql) {
+    std::vector<std::string> lines;
+    for (Statement rows(*store.database, sql); rows.Step();) lines.push_back(rows.text(0));
+    return lines;
+}
+
 class LabStore : public LabOnEach {
   protected:
     void Deliver(const std::string& zip, std::int64_t collected, const std::string& members) {
         const std::string text =
             fmt::format(R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"NO ERROR",{}}})", collected / 1000, members);
         EXPECT_EQ(StoreDelivery(store, "A1", zip, {DecodeRecord("f.txt", WideBytes(text))}), Delivery::stored);
-    }
-    std::vector<std::string> Lines(const std::string& sql) {
-        std::vector<std::string> lines;
-        for (Statement rows(*store.database, sql); rows.Step();) lines.push_back(rows.text(0));
-        return lines;
     }
 };
 
@@ -110,8 +112,9 @@ TEST_P(LabStore, KeepsSeriesBesideTheRecords) {
         "SELECT src.name || ' ' || s.member || ' ' || CAST(x.number AS INTEGER) || ' ' || r.number FROM sample x "
         "JOIN series s ON s.number = x.series JOIN source src ON src.number = s.source "
         "JOIN record r ON r.number = x.record AND r.collected = x.time ORDER BY x.time, s.member";
-    EXPECT_THAT(Lines(samples), ElementsAre("Disks / Free 1 2", "Disks /home Free 8 2", "Disks / Free 2 1"));
-    EXPECT_THAT(Lines("SELECT record FROM source"), ElementsAre("1")) << "the newest by collection, not by arrival";
+    EXPECT_THAT(Lines(store, samples), ElementsAre("Disks / Free 1 2", "Disks /home Free 8 2", "Disks / Free 2 1"));
+    EXPECT_THAT(Lines(store, "SELECT record FROM source"), ElementsAre("1"))
+        << "the newest by collection, not by arrival";
 }
 
 TEST_P(LabStore, IsPruned) {
@@ -121,11 +124,11 @@ TEST_P(LabStore, IsPruned) {
     Deliver("3.zip", now, R"("Kept":[{"n":"3"}])");
     Execute(*store.database, "UPDATE delivery SET time = ? WHERE zip <> '3.zip'", now - 9 * day);
     EXPECT_EQ(Prune(store, now - 7 * day), 2);
-    EXPECT_THAT(Lines("SELECT name FROM source"), ElementsAre("Kept"));
-    EXPECT_THAT(Lines("SELECT CAST(number AS INTEGER) FROM sample"), ElementsAre("3"));
+    EXPECT_THAT(Lines(store, "SELECT name FROM source"), ElementsAre("Kept"));
+    EXPECT_THAT(Lines(store, "SELECT CAST(number AS INTEGER) FROM sample"), ElementsAre("3"));
     EXPECT_EQ(CountAll(store).zips, 1);
     Deliver("4.zip", now, R"("Gone":[{"n":"4"}])");
-    EXPECT_THAT(Lines("SELECT count(*) FROM series"), ElementsAre("2"));
+    EXPECT_THAT(Lines(store, "SELECT count(*) FROM series"), ElementsAre("2"));
 }
 
 /// A file as the second version of the tables was: what the steps to the newest one touch of it.
@@ -154,13 +157,10 @@ TEST_F(OldFile, IsUpgraded) {
     const std::string file = (folder / "old.db").string();
     OpenSqlite(file, Opening::orCreate)->RunScript(secondVersion);
     Store store = OpenStore(file);
-    std::string texts;
-    for (Statement rows(*store.database,
-                        "SELECT r.number, s.name, r.failed, r.reason FROM record r JOIN source s "
-                        "ON s.number = r.source ORDER BY r.number");
-         rows.Step();)
-        texts += fmt::format("{}|{}|{}|{}\n", rows.number(0), rows.text(1), rows.number(2), rows.text(3));
-    EXPECT_EQ(texts, "7|X|0|\n8|Y|1|broken\n9||1|not JSON: half a reco\n");
+    const char* const records =
+        "SELECT r.number || '|' || s.name || '|' || r.failed || '|' || r.reason FROM record r JOIN source s "
+        "ON s.number = r.source ORDER BY r.number";
+    EXPECT_THAT(Lines(store, records), ElementsAre("7|X|0|", "8|Y|1|broken", "9||1|not JSON: half a reco"));
     EXPECT_EQ(QueryNumber(*store.database, "SELECT time FROM sample WHERE number = 1"), 1795556300000);
     const std::vector<RecordText> again{DecodeRecord("a.txt", WideBytes("half a reco"))};
     EXPECT_EQ(StoreDelivery(store, "A1", "1.zip", again), Delivery::repeated) << "old zips are known, too";

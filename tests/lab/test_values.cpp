@@ -1,8 +1,6 @@
 // Numeric values: what they mean, how they are drawn, and that a real Prometheus reads them.
-#include <cmath>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <thread>
 
 #include "lab/page/curve.h"
 #include "lab/page/units.h"

@@ -13,6 +13,14 @@ namespace platform::test {
 
 class FilesTest : public kv::test::TestFolder {
   protected:
+    /// Opens a file; 0, and the test has failed, if that is refused.
+    static FileHandle Open(std::u16string_view path, FileAccess access,
+                           FileDisposition disposition = FileDisposition::openExisting) {
+        FileHandle file = 0;
+        EXPECT_EQ(Files().CreateFileW(path, access, FileShare::read, disposition, file), error::success);
+        return file;
+    }
+
     /// Appends to a file.
     static Error Put(std::u16string_view path, std::string_view bytes) {
         FileHandle file = 0;

@@ -35,30 +35,20 @@ TEST_F(FilesTest, SearchesMatchAndOrderLikeWindows) {
 
 TEST_F(FilesTest, OpeningFailsWithTheSystemsErrors) {
     Write("./there", "1");
-    const struct {
-        const char* title;
-        std::u16string_view path;
-        FileAccess access;
-        FileDisposition disposition;
-        Error expected;
-    } rows[] = {
-        {"a missing directory", u"missing\\x", FileAccess::read, FileDisposition::openExisting, error::pathNotFound},
-        {"a missing file", u"missing", FileAccess::read, FileDisposition::openExisting, error::fileNotFound},
-        {"a directory", u".", FileAccess::read, FileDisposition::openExisting, error::accessDenied},
-        {"createNew of an existing file", u"there", FileAccess::write, FileDisposition::createNew,
-         error::alreadyExists},
-        {"createNew of a new file", u"new", FileAccess::write, FileDisposition::createNew, error::success},
-        {"createAlways of an existing file", u"there", FileAccess::write, FileDisposition::createAlways,
-         error::success},
+    using enum FileDisposition;
+    const std::tuple<const char*, std::u16string_view, FileAccess, FileDisposition, Error> rows[] = {
+        {"a missing directory", u"missing\\x", FileAccess::read, openExisting, error::pathNotFound},
+        {"a missing file", u"missing", FileAccess::read, openExisting, error::fileNotFound},
+        {"a directory", u".", FileAccess::read, openExisting, error::accessDenied},
+        {"createNew of an existing file", u"there", FileAccess::write, createNew, error::alreadyExists},
+        {"createNew of a new file", u"new", FileAccess::write, createNew, error::success},
+        {"createAlways of an existing file", u"there", FileAccess::write, createAlways, error::success},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, path, access, disposition, expected] : rows) {
         FileHandle file = 0;
-        EXPECT_EQ(Files().CreateFileW(row.path, row.access, FileShare::none, row.disposition, file), row.expected)
-            << row.title;
-        EXPECT_EQ(file != 0, row.expected == error::success) << row.title;
-        if (file != 0) {
-            EXPECT_EQ(Files().CloseHandle(file), error::success) << row.title;
-        }
+        EXPECT_EQ(Files().CreateFileW(path, access, FileShare::none, disposition, file), expected) << title;
+        EXPECT_EQ(file != 0, expected == error::success) << title;
+        EXPECT_TRUE(file == 0 || Files().CloseHandle(file) == error::success) << title;
     }
     EXPECT_EQ(Found(u"*"), "./ ../ new there ");
     EXPECT_EQ(Read("there"), "");
@@ -68,8 +58,7 @@ TEST_F(FilesTest, DirectoriesAreMadeAndEntered) {
     const FileOperations& files = Files();
     EXPECT_EQ(files.wmkdir(u"one"), 0);
     EXPECT_EQ(files.wmkdir(u"one\\"), directory_error::exists);
-    Write("./a", "a");
-    Write("./b", "b");
+    for (const char* name : {"./a", "./b"}) Write(name, name);
     EXPECT_EQ(files.MoveFileExW(u"a", u"b", MoveTarget::mustBeNew), error::alreadyExists);
     EXPECT_EQ(files.DeleteFileW(u"one"), error::accessDenied);
     std::uint64_t available = 0;
@@ -83,9 +72,7 @@ TEST_F(FilesTest, DirectoriesAreMadeAndEntered) {
 }
 
 TEST_F(FilesTest, WritesTextWithTheSystemsLineEnds) {
-    FileHandle file = 0;
-    ASSERT_EQ(Files().CreateFileW(u"f", FileAccess::append, FileShare::read, FileDisposition::openAlways, file),
-              error::success);
+    const FileHandle file = Open(u"f", FileAccess::append, FileDisposition::openAlways);
     const std::string longLine(4095, 'x');
     EXPECT_EQ(Files().WriteText(file, longLine + "\n\nend"), error::success);
     Files().CloseHandle(file);
@@ -95,10 +82,7 @@ TEST_F(FilesTest, WritesTextWithTheSystemsLineEnds) {
 
 TEST_F(FilesTest, AReadOnlyFileCanBeReplacedAndDeleted) {
     for (const char* name : {"./new", "./copied", "./locked"}) Write(name, name);
-    FileHandle file = 0;
-    ASSERT_EQ(
-        Files().CreateFileW(u"locked", FileAccess::readWrite, FileShare::none, FileDisposition::openExisting, file),
-        error::success);
+    const FileHandle file = Open(u"locked", FileAccess::readWrite);
     FileInformation information;
     EXPECT_EQ(Files().GetFileInformationByHandle(file, information), error::success);
     EXPECT_EQ(information.size, 8U);
@@ -129,8 +113,7 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
         {FileAccess::append, error::sharingViolation},
     };
     for (const auto& [access, expected] : rows) {
-        FileHandle file = 0;
-        ASSERT_EQ(Files().CreateFileW(u"f", access, FileShare::read, FileDisposition::openExisting, file), 0U);
+        const FileHandle file = Open(u"f", access);
         EXPECT_EQ(Files().GetFileUseState(u"f"), expected);
         FileHandle reader = 0;
         EXPECT_EQ(
@@ -145,6 +128,10 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
 TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
     DirectoryLock locks[2];
     std::vector<std::uint32_t> holders;
+    const auto close = [](const DirectoryLock& lock) {
+        for (const FileHandle handle : {lock.directory, lock.place})
+            EXPECT_TRUE(handle == 0 || Files().CloseHandle(handle) == error::success);
+    };
     const auto lockAgain = [&] { return Files().LockDirectory(u"p\\d", u"p", u"f", locks[1]); };
     const auto isFree = [&] {  // a container does not see the locks of others
         const Error result = Files().FindDirectoryLock(u"p\\d\\", u"p\\", u"f", holders);
@@ -165,11 +152,9 @@ TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
     fs::create_directory("p/d");
     EXPECT_EQ(lockAgain(), error::lockViolation) << "another directory of that name";
     EXPECT_EQ(Files().FindDirectoryLock(u"p\\d", u"p", u"f", holders), error::success);
-    for (const FileHandle handle : {locks[0].directory, locks[0].place})
-        EXPECT_TRUE(handle == 0 || Files().CloseHandle(handle) == error::success);
+    close(locks[0]);
     EXPECT_EQ(lockAgain(), error::success);
-    for (const FileHandle handle : {locks[1].directory, locks[1].place})
-        if (handle != 0) Files().CloseHandle(handle);
+    close(locks[1]);
     EXPECT_TRUE(isFree());
     EXPECT_NE(Files().LockDirectory(u"absent", u"p", u"f", locks[1]), error::success);
 }

@@ -1,6 +1,5 @@
 #include "tests/support/snmp_devices.h"
 
-#include <algorithm>
 #include <random>
 #include <stdexcept>
 #include <utility>

@@ -38,11 +38,10 @@ TEST_F(LogVerb, ShowsEntriesWithoutTheUsualOnes) {
                               Entry(4, "ReadDwordRegistryData: Error while reading DWORD value of X : 23") +
                               Entry(5, "dump") + "00 01\n02\n" + Entry(6, "\t  last\x1B"));
     const std::string entries =
-        "2026/11/26 23:33:03.100 F :: it ended. retVal is [12029]: no connection; nobody listens there, or a "
-        "firewall is in between (error 12029)\n2026/11/26 23:33:04.100 ReadDwordRegistryData: Error while reading "
-        "DWORD "
-        "value of X : 23\n2026/11/26 23:33:05.100 dump | 00 01 | 02\n2026/11/26 23:33:06.100 "
-        "last\\x1b\n";
+        "2026/11/26 23:33:03.100 F :: it ended. retVal is [12029]: no connection; nobody listens there, or a firewall "
+        "is in between (error 12029)\n"
+        "2026/11/26 23:33:04.100 ReadDwordRegistryData: Error while reading DWORD value of X : 23\n"
+        "2026/11/26 23:33:05.100 dump | 00 01 | 02\n2026/11/26 23:33:06.100 last\\x1b\n";
     EXPECT_EQ(Run({"log"}).output, entries);
     EXPECT_EQ(Run({"log", "-n", "1"}).output, "2026/11/26 23:33:06.100 last\\x1b\n");
     EXPECT_EQ(Run({"log", "-n", "5"}).output, "2026/11/26 23:33:02.100 older\n" + entries);
@@ -80,10 +79,7 @@ TEST_F(LogVerb, FollowsPastRotationsAndLosesNothing) {
 }
 
 TEST(LogEntries, TellsWhatNumbersMean) {
-    const struct {
-        const char* entry;
-        const char* meaning;
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"retVal is [12029]", "no connection; "},
         {"something went wrong in InternetUploadBinaryFile. return value [13]", "the server refused it"},
         {"Failed to post the data to server with error code [12002]", "no answer in time"},

@@ -22,12 +22,10 @@ TEST_F(FilesTest, CaseCountsInNamesAndLinksAreFiles) {
 
 TEST_F(FilesTest, NewFilesAreForOwnerAndGroupOnly) {
     const mode_t former = umask(0);
-    FileHandle file = 0;
-    Files().CreateFileW(u"made", FileAccess::write, FileShare::none, FileDisposition::createAlways, file);
-    Files().CloseHandle(file);
-    Files().CreateFileW(u"told", FileAccess::write, FileShare::none, FileDisposition::createNew, file);
-    EXPECT_EQ(Files().LetEveryoneRead(file), error::success);
-    Files().CloseHandle(file);
+    Files().CloseHandle(Open(u"made", FileAccess::write, FileDisposition::createAlways));
+    const FileHandle told = Open(u"told", FileAccess::write, FileDisposition::createNew);
+    EXPECT_EQ(Files().LetEveryoneRead(told), error::success);
+    Files().CloseHandle(told);
     Files().CopyFileW(u"made", u"copy");
     Files().wmkdir(u"dir");
     Files().wmkdir(u"c:\\dir");
@@ -39,10 +37,7 @@ TEST_F(FilesTest, NewFilesAreForOwnerAndGroupOnly) {
 
 TEST_F(FilesTest, OpeningAPipeDoesNotWaitForItsWriter) {
     mkfifo("pipe", 0600);
-    FileHandle file = 0;
-    EXPECT_EQ(Files().CreateFileW(u"pipe", FileAccess::read, FileShare::none, FileDisposition::openExisting, file),
-              error::success);
-    Files().CloseHandle(file);
+    Files().CloseHandle(Open(u"pipe", FileAccess::read));
     EXPECT_EQ(Put(std::u16string(300, u'x'), ""), error::fileNameTooLong);
 }
 
@@ -89,12 +84,11 @@ TEST_F(FilesTest, AFileIsInUseWhileAnotherProcessHasItOpenForWriting) {
 }
 
 TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    std::vector<std::jthread> askers(3);
-    for (std::jthread& asker : askers) {
-        asker = std::jthread([](const std::stop_token& stop) {
+    std::vector<std::jthread> askers;
+    for (int count = 0; count < 3; ++count)
+        askers.emplace_back([](const std::stop_token& stop) {
             while (!stop.stop_requested()) Files().GetFileUseState(u"f");
         });
-    }
     for (int round = 0; round < 3000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
     EXPECT_EQ(fs::file_size("f"), 3000U);
 }

@@ -18,9 +18,7 @@ TEST_F(Kvreg, ExportsForTheOwnerOnlyAndFollowsLinks) {
     EXPECT_LT(Read(file).size(), whole.size());
     EXPECT_TRUE(fs::is_symlink(folder / "link"));
     EXPECT_EQ(Run({"export", "/dev/stdout"}).output, whole);
-    const Outcome full = Run({"export", "/dev/full"});
-    EXPECT_EQ(full.exitCode, 1);
-    EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
+    Expect({"export", "/dev/full"}, 1, "", "No space left on device");
     EXPECT_THAT(Run({"export", folder / "missing" / "x"}).errors, HasSubstr("No such file or directory"));
     EXPECT_THAT(Run({"set", "A", "b", "\xFF"}).errors, HasSubstr("not UTF-8"));
     const fs::path registry = folder / "state" / "registry.db";
@@ -37,11 +35,7 @@ TEST_F(Kvreg, ExportsForTheOwnerOnlyAndFollowsLinks) {
 
 TEST_F(Kvreg, SaysWhatIsWrongWithTheRegistrysFile) {
     const std::string registry = folder / "other" / "registry.db";
-    const struct {
-        const char* title;
-        std::function<void()> spoil;
-        std::string told;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void()>, std::string> cases[] = {
         {"absent", [] {}, registry + " does not exist (is the agent installed"},
         {"garbage", [&] { Write(registry, std::string(5000, 'x')); }, registry + " is damaged, or not a registry"},
         {"directory", [&] { fs::create_directory(registry); }, registry + " is a directory; move it away"},
