@@ -23,6 +23,7 @@
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
+#include "wql/cim_value.h"
 #include "wql/classes/network/shares.h"
 
 namespace kv::test {
@@ -31,6 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace wmi_status = platform::wmi_status;
 using platform::Descriptor;
+using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using WmiNetwork = WmiTest;
 
@@ -191,7 +193,7 @@ TEST_F(WmiNetwork, EchoesOfOneQueryAreSentAtOnceAndNamesAreNotWaitedForLonger) {
         "(Address = "
         "'a.example' OR Address = 'b.example' OR Address = '192.0.2.97' OR Address = '192.0.2.96' OR Address = "
         "'localhost') AND Timeout = 400 AND ResolveAddressNames = TRUE");
-    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10)) << "five would take the name server 150 seconds";
+    EXPECT_LT(steady_clock::now() - start, 10s) << "five would take the name server 150 seconds";
     EXPECT_THAT(several,
                 testing::UnorderedElementsAre("a.example 11002 NULL ", "b.example 11002 NULL ", "192.0.2.97 0 11010 ",
                                               "192.0.2.96 0 11010 ", "localhost 0 0 localhost"));
@@ -213,6 +215,48 @@ TEST_F(WmiNetwork, EchoesOfOneQueryAreSentAtOnceAndNamesAreNotWaitedForLonger) {
     ASSERT_EQ(setuid(65534), 0);
     EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1'").status,
               wmi_status::accessDenied);
+}
+
+TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
+    if (!IsInNamespaces()) {
+        return RunInNamespaces(
+            "--mount --net",
+            "mount -t sysfs sysfs /sys && ip link set lo up && ip link add kv0 address 02:00:00:00:0a:0b mtu 1400 "
+            "type veth peer name kv1 && ip link set kv0 up && ip link set kv1 up && ip tuntap add kv2 mode tap && "
+            "ip link set kv2 up && ip link add kv3 type bridge && "
+            "ip address add 192.0.2.77/24 dev kv0 valid_lft 600 preferred_lft 600 && "
+            "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 metric 70 && "
+            "ip route add default via 192.0.2.2 metric 30 && ip route add default dev kv1 metric 90 && "
+            "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
+    }
+    // The adapter's facts and its configuration's, in the order of the queries below.
+    const std::pair<std::string, const char*> rows[] = {
+        {"kv0", "2 true false; true true [192.0.2.2, 192.0.2.1] [30, 70] 30 false"},
+        {"kv1", "2 true false; true false NULL NULL 90 false"},
+        {"kv2", "7 false false; false false NULL NULL NULL NULL"},
+        {"kv3", "0 false false; false false NULL NULL NULL NULL"},
+    };
+    EXPECT_EQ(RowTexts("Name FROM Win32_NetworkAdapter").size(), std::size(rows)) << "all but the loopback";
+    for (const auto& [name, facts] : rows) {
+        const std::string adapter = " FROM Win32_NetworkAdapter WHERE GUID = '" + name + "'";
+        const std::string configuration = " FROM Win32_NetworkAdapterConfiguration WHERE SettingID = '" + name + "'";
+        EXPECT_EQ(TextsOf("NetConnectionStatus,NetEnabled,PhysicalAdapter" + adapter) + "; " +
+                      TextsOf("IPEnabled,DHCPEnabled,DefaultIPGateway,GatewayCostMetric,IPConnectionMetric,"
+                              "FullDNSRegistrationEnabled" +
+                              configuration),
+                  facts)
+            << name;
+        EXPECT_EQ(TextsOf("Index" + configuration), TextsOf("Index" + adapter)) << name;
+        if (name != "kv0") continue;
+        EXPECT_EQ(TextsOf("MACAddress,Speed" + adapter), "02:00:00:00:0A:0B 10000000000")
+            << "the speed of each such pair";
+        EXPECT_THAT(TextsOf("MTU,IPAddress" + configuration),
+                    testing::StartsWith("1400 [192.0.2.77"));  // IPv6 may follow
+        EXPECT_THAT(TextsOf("IPSubnet" + configuration), testing::StartsWith("[255.255.255.0"));
+        const auto end = wql::MicrosecondsOfDmtf(platform::WideFromUtf8(TextsOf("DHCPLeaseExpires" + configuration)));
+        const auto now = std::chrono::system_clock::now().time_since_epoch() / 1us;
+        EXPECT_NEAR(static_cast<double>(end.value_or(0) - now), 600e6, 30e6);
+    }
 }
 
 /// From now on this process gets no netlink sockets, and no memory for what arrives on others.

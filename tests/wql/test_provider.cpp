@@ -7,11 +7,8 @@
 #include <stdexcept>
 
 #include "platform/clock.h"
-#include "tests/support/wmi_query.h"
+#include "tests/support/linux/gathered_texts.h"
 #include "wql/bounded_run.h"
-#include "wql/class_tree.h"
-#include "wql/object_query.h"
-#include "wql/system_properties.h"
 
 namespace kv::test {
 namespace {
@@ -153,67 +150,45 @@ TEST_F(WmiProvider, EveryClassAnswersWithAllItsProperties) {
     }
 }
 
-/// The names of the objects that a query gives, and those by which they refer to others.
-struct Names {
-    std::vector<std::u16string> own;
-    std::vector<std::u16string> references;
-};
-
-Names NamesFrom(const BoundQuery& query) {
-    Names names;
-    const ResultSink sink{[](const ResultObject&) {}, [] { return true; }, [](const std::string&) {}};
-    static_cast<void>(GatherRows(query, sink, [&](const ClassQuery& part, const void* row) {
-        names.own.push_back(RelativePath(part.classInfo->name, KeysOf(*part.classInfo, row)));
-        for (const PropertyInfo* property : part.properties) {
-            if (property->type != CimType::reference || property->read == nullptr) continue;
-            const CimValue value = property->read(row, *property);
-            const auto* path = std::get_if<std::u16string>(&value.held);
-            if (path != nullptr) names.references.emplace_back(WithoutNamespace(*path));
-        }
-    }));
-    return names;
-}
-
-Names NamesOf(const ClassInfo& classInfo) {
-    return NamesFrom({.parts = {{&classInfo, AllProperties(classInfo), std::nullopt}}, .named = &classInfo});
-}
-
-bool FindsOneObject(const std::u16string& name) {
-    const std::optional<ObjectName> read = ParseObjectPath(name);
-    BoundQuery query;
-    return read && BindObject(*read, AllProperties, query) == wmi_status::ok &&
-           NamesFrom(query).own == std::vector{name};
-}
-
-/// Whether a name from a class finds one object, or has gone from the class. What it names may go, and come again,
-/// while this looks.
-bool IsTrueOrGone(const std::u16string& name, const ClassInfo& classInfo, std::vector<std::u16string> Names::*list) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        if (FindsOneObject(name)) return true;
-        const Names now = NamesOf(classInfo);
-        if (std::ranges::find(now.*list, name) == (now.*list).end()) return true;
-    }
-    return false;
+/// The objects' own paths, or those of what they refer to.
+std::vector<std::string> PathsOf(const ClassInfo& classInfo, const std::string& property) {
+    std::vector<std::string> paths = GatherTexts(classInfo.name, property, classInfo.gather).objects;
+    for (std::string& path : paths) path.pop_back();  // the bar
+    // A session may be that of a directory service's user, whose account is not listed.
+    std::erase_if(paths,
+                  [](const auto& path) { return path == "NULL" || path.find(":Win32_UserAccount.") != path.npos; });
+    std::ranges::sort(paths);
+    return paths;
 }
 
 TEST_F(WmiProvider, EveryObjectIsFoundByItsName) {
-    constexpr std::size_t most = 5;  // of a class, and of those that its objects refer to
+    constexpr std::size_t most = 5;  // of a class's own paths, and of each kind of reference
     std::size_t count = 0;
+    // Whether a path finds an object, or has gone from its class. What it names may go, and come again, meanwhile.
+    const auto isTrueOrGone = [](const std::string& path, const ClassInfo& classInfo, const std::string& property) {
+        for (int attempt = 0; attempt < 5; ++attempt) {
+            const WmiResult found = RunWmiQuery("REFERENCES OF {" + path + "} WHERE ResultClass = CIM_Chip");
+            if (found.status == wmi_status::ok) return true;
+            if (!std::ranges::binary_search(PathsOf(classInfo, property), path)) return true;
+        }
+        return false;
+    };
     for (const ClassInfo* classInfo : AllClasses()) {
         if (classInfo->gather == nullptr || classInfo->keys.empty()) continue;
-        Names names = NamesOf(*classInfo);
-        // A session may be that of a directory service's user, whose account is not listed.
-        std::erase_if(names.references, [](const auto& name) { return name.starts_with(u"Win32_UserAccount."); });
-        for (const auto list : {&Names::own, &Names::references}) {
-            const std::size_t tried = std::min((names.*list).size(), most);
+        std::vector<std::string> kinds{"__RELPATH"};
+        for (const PropertyInfo& property : classInfo->properties) {
+            if (property.type == CimType::reference) kinds.push_back(Utf8FromWide(property.name));
+        }
+        for (const std::string& kind : kinds) {
+            const std::vector<std::string> paths = PathsOf(*classInfo, kind);
+            const auto twice = std::ranges::adjacent_find(paths);
+            EXPECT_TRUE(kind != "__RELPATH" || twice == paths.end()) << *twice << " comes twice";
+            const std::size_t tried = std::min(paths.size(), most);
             for (std::size_t at = 0; at < tried; ++at, ++count) {
-                const std::u16string& name = (names.*list)[at * (names.*list).size() / tried];
-                EXPECT_TRUE(IsTrueOrGone(name, *classInfo, list)) << Utf8FromWide(name);
+                const std::string& path = paths[at * paths.size() / tried];
+                EXPECT_TRUE(isTrueOrGone(path, *classInfo, kind)) << path;
             }
         }
-        std::ranges::sort(names.own);
-        const auto twice = std::ranges::adjacent_find(names.own);
-        EXPECT_TRUE(twice == names.own.end()) << Utf8FromWide(*twice) << " comes twice";
     }
     EXPECT_GT(count, 30U);
 }

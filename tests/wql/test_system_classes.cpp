@@ -9,13 +9,10 @@
 
 #include "facts/schedule/local_time.h"
 #include "facts/schedule/zone_rules.h"
-#include "facts/software/distribution.h"
 #include "facts/system_text.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
-#include "tests/support/linux/smbios_bytes.h"
 #include "tests/support/linux/zone_setting.h"
-#include "wql/classes/hardware/processor.h"
 
 namespace kv::test {
 namespace {
@@ -44,73 +41,6 @@ TEST(WmiClasses, HaveTheirSuperclassesPropertiesAndMeanings) {
         }
     }
 }
-
-// clang-format off
-std::string SocketStructure(std::uint32_t status) {
-    return SmbiosStructureBytes(4, 0x30,
-        {{0x04, 1, 1}, {0x06, 1, 0xFE}, {0x08, 4, 0x50657}, {0x0C, 4, 0xBFEBFBFF}, {0x10, 1, 2}, {0x11, 1, 0x8A},
-         {0x12, 2, 100}, {0x16, 2, 2900}, {0x18, 1, status}, {0x19, 1, 0x35}, {0x20, 1, 3}, {0x26, 2, 0xFC},
-         {0x28, 2, 0x1B3}},
-        {"LGA3647-0", "Firmware's name", " 0123 "});
-}
-// clang-format on
-
-// clang-format off
-TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
-    constexpr const char* intel = "processor: {}\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: 85\n"
-        "model name\t: Xeon Gold 6226R\nstepping\t: 7\nphysical id\t: {}\nflags\t\t: fpu vmx lm ept\n\n";
-    const auto block = [](int number, int package) { return fmt::format(fmt::runtime(intel), number, package); };
-    const std::string xeons = block(0, 0) + block(1, 3) + block(2, 0) + block(3, 3);
-    const std::string firmware = SocketStructure(0x41) + SocketStructure(0x00) + SocketStructure(0x44);
-    constexpr const char* arm = "processor\t: 0\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\nCPU architecture: 8\n"
-        "CPU variant\t: 0x3\nCPU part\t: 0xd0c\nCPU revision\t: 1\n\nHardware\t: BCM2835\nSerial\t\t: 10\n";
-    constexpr const char* identity = "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision "
-        "Stepping Version Family SocketDesignation CpuStatus VMMonitorModeExtensions";
-    constexpr const char* three = "processor: 0\n\nprocessor: 1\n\nprocessor: 2\n";
-    constexpr const char* places = "NumberOfCores NumberOfLogicalProcessors";
-    const struct {
-        const char* title;
-        std::string_view cpuInfo, firmware, machine;
-        std::string_view files;  // lines of number/path=content
-        const char* properties;
-        std::vector<std::string> objects;
-    } rows[] = {
-        {"x86", xeons, firmware, "x86_64", "", identity,
-         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|Model 85, Stepping 7|435|LGA3647-0|1|true|",
-          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|Model 85, Stepping 7|435|LGA3647-0|4|true|"}},
-        {"from the firmware", xeons, firmware, "", "",
-         "ProcessorId SerialNumber CurrentVoltage ExtClock MaxClockSpeed UpgradeMethod Characteristics",
-         {"BFEBFBFF00050657|0123|10|100|2900|53|252|", "BFEBFBFF00050657|0123|10|100|2900|53|252|"}},
-        {"shared and private caches, clocks", xeons, "", "",
-         "0/topology/thread_siblings_list=0,2\n2/topology/thread_siblings_list=0,2\n"
-         "0/cache/index0/level=1\n0/cache/index0/size=32K\n0/cache/index1/level=3\n0/cache/index1/size=32M\n"
-         "2/cache/index0/level=3\n2/cache/index0/size=32M\n2/cache/index0/shared_cpu_list=0-2\n"
-         "1/cache/index0/level=2\n1/cache/index0/size=512K\n3/cache/index0/level=2\n3/cache/index0/size=512K\n"
-         "0/cpufreq/cpuinfo_max_freq=3900000\n0/cpufreq/base_frequency=2900000\n1/cpufreq/cpuinfo_max_freq=3900000\n"
-         "1/cpufreq/scaling_cur_freq=800000\n3/cpufreq/scaling_cur_freq=1000000\n",
-         "NumberOfCores NumberOfLogicalProcessors L2CacheSize L3CacheSize MaxClockSpeed CurrentClockSpeed",
-         {"1|2|NULL|32768|2900|NULL|", "2|2|1024|0|3900|900|"}},
-        {"ARM", arm, "", "aarch64", "", identity,
-         {"CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|NULL|2|CPU0|1|NULL|"}},
-        {"what Windows always tells", arm, "", "", "",
-         "ConfigManagerErrorCode ConfigManagerUserConfig L3CacheSize L3CacheSpeed PowerManagementSupported UpgradeMethod",
-         {"0|false|0|0|false|2|"}},
-        {"packages", three, "", "", "0/topology/physical_package_id=7\n1/topology/physical_package_id=5\n"
-         "2/topology/physical_package_id=7\n", places, {"1|1|", "2|2|"}},
-        {"a shared core", three, "", "",
-         "0/topology/thread_siblings_list=0-1\n1/topology/thread_siblings_list=0-1\n", places, {"2|3|"}},
-    };
-    static ProcessorSources sources;
-    for (const auto& row : rows) {
-        const CpuFiles files = [&](std::uint32_t number, std::string_view name) {
-            return AssignedValue(row.files, fmt::format("{}/{}", number, name));
-        };
-        sources = {row.cpuInfo, row.firmware, row.machine, files, {}, {}};
-        const auto gather = [](const Gathering& gathering) { return GatherProcessors(gathering, sources); };
-        EXPECT_EQ(GatheredTexts(u"Win32_Processor", row.properties, gather), row.objects) << row.title;
-    }
-}
-// clang-format on
 
 using WmiThisMachine = WmiTest;
 

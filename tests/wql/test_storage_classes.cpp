@@ -1,11 +1,24 @@
-// Drives, partitions and swaps that this machine does not have: the storage classes over trees of files, and the names
-// by which their objects refer to each other.
+// Disks, partitions, mounts and swaps: trees of files that stand for a machine's, and what each test mounts in
+// namespaces of its own, among them a mount that does not answer.
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "facts/storage/mount_space.h"
 #include "facts/storage/volume_facts.h"
+#include "facts/system_text.h"
 #include "tests/support/linux/gathered_texts.h"
+#include "tests/support/linux/namespaces.h"
+#include "tests/support/linux/nobody.h"
+#include "tests/support/linux/shell.h"
 #include "wql/classes/storage/storage_sources.h"
 
 namespace kv::test {
@@ -13,6 +26,12 @@ namespace {
 
 using namespace wql;
 namespace fs = std::filesystem;
+using namespace facts;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using WmiStorage = WmiTest;
 
 class WmiStorageTrees : public FrozenFiles {
   protected:
@@ -160,9 +179,9 @@ TEST_F(WmiStorageTrees, HavePlacesAndPathsByTheKernelsNames) {
     EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption", "WHERE DiskIndex = 2")),
               "/dev/cciss/c0d01|\n");
     EXPECT_THAT(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent").objects.back(),
-                testing::HasSubstr("/dev/cciss/c0d0\""));
+                HasSubstr("/dev/cciss/c0d0\""));
     EXPECT_THAT(LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent")),
-                testing::HasSubstr("Disk #2, Partition #0"));
+                HasSubstr("Disk #2, Partition #0"));
 }
 
 TEST_F(WmiStorageTrees, HaveCdDrives) {
@@ -232,15 +251,13 @@ TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
             {"swaps set up", Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name"), isThere},
         };
         for (const auto& [title, result, fails] : rows) {
-            EXPECT_EQ(result.status, fails ? wmi_status::providerFailure : wmi_status::ok) << title;
-            EXPECT_EQ(result.notices.size(), fails ? 1U : 0U) << title;
+            EXPECT_THAT(Outcome(result), testing::StartsWith(fails ? "80041004 0 " : "00000000 0")) << title;
         }
     }
     Write(root + "/proc/self/mountinfo", "20 1 8:1 / /data rw - ext4 /dev/sda1 rw\n");
     const Gathered volumes = Over<GatherLogicalDisks>(u"Win32_Volume", "Automount PageFilePresent");
     EXPECT_EQ(LinesOf(volumes), "NULL|NULL|\n");
-    EXPECT_THAT(volumes.notices,
-                testing::ElementsAre(testing::HasSubstr("/etc/fstab"), testing::HasSubstr("/proc/swaps")));
+    EXPECT_THAT(volumes.notices, ElementsAre(HasSubstr("/etc/fstab"), HasSubstr("/proc/swaps")));
 }
 
 TEST_F(WmiStorageTrees, SayOfWhichDiskPartitionsAreLost) {
@@ -248,15 +265,111 @@ TEST_F(WmiStorageTrees, SayOfWhichDiskPartitionsAreLost) {
     const std::string disk = fs::canonical(root + "/sys/block/sda").string();
     constexpr mode_t noList = 0111;
     ASSERT_EQ(chmod(folder.c_str(), 0755) + chmod(disk.c_str(), noList), 0);
-    const uid_t before = geteuid();
-    ASSERT_EQ(before == 0 ? seteuid(65534) : 0, 0) << "the superuser may list all";
-    const Gathered partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption");
-    const Gathered drives = Over<GatherDiskDrives>(u"Win32_DiskDrive", "Partitions");
-    EXPECT_EQ(seteuid(before) + chmod(disk.c_str(), 0755), 0);
+    Gathered partitions, drives;
+    {
+        const Nobody nobody;  // the superuser may list all
+        partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption");
+        drives = Over<GatherDiskDrives>(u"Win32_DiskDrive", "Partitions");
+    }
+    chmod(disk.c_str(), 0755);
     EXPECT_EQ(LinesOf(partitions), "/dev/nvme0n1p1|\n/dev/nvme0n1p7|\n");
-    EXPECT_THAT(partitions.notices, testing::ElementsAre(testing::HasSubstr("partitions of sda are missing")));
+    EXPECT_THAT(partitions.notices, ElementsAre(HasSubstr("partitions of sda are missing")));
     EXPECT_EQ(LinesOf(drives), "NULL|\n2|\n");
     EXPECT_EQ(drives.notices.size(), 1U);
+}
+
+TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
+    if (!IsInNamespaces()) return RunInNamespaces("--mount", "test -w /dev/fuse");
+    std::string folder = (fs::temp_directory_path() / "dead.XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);  // nobody answers its requests
+    const std::string options = fmt::format("fd={},rootmode=40000,user_id=0,group_id=0", device);
+    const int mounted = mount("nas.example:/data", folder.c_str(), "fuse.sshfs", 0, options.c_str());
+    ASSERT_EQ(mounted, 0) << std::generic_category().message(errno);
+
+    const std::string bySpace = "SELECT DeviceID, FreeSpace FROM Win32_LogicalDisk";
+    const std::string byName = fmt::format(" WHERE DeviceID = '{}'", folder);
+    EXPECT_EQ(TextsOf("DriveType,ProviderName FROM Win32_LogicalDisk" + byName), "4 nas.example:/data");
+    EXPECT_EQ(TextsOf("DeviceID,ProviderName FROM Win32_MappedLogicalDisk"), folder + " nas.example:/data");
+
+    std::vector<Mount> disks = DisksAmong(ParseMountInfo(*platform::ReadSystemFile("/proc/self/mountinfo")));
+    std::erase_if(disks, [&](const Mount& disk) { return disk.mountPoint != folder; });
+    EXPECT_FALSE(AskMounts(disks, AskFileSystem, 100ms, [](const std::string&) {})[0]) << "the others need not wait";
+    const std::tuple<std::string, std::string, std::size_t> rows[] = {
+        {"all", "", 1},
+        {"the dead one", byName, 1},
+        {"the root", " WHERE DeviceID = '/'", 0},
+        {"fixed disks", " WHERE DriveType = 3 AND FreeSpace > 0", 0},
+    };
+    for (const auto& [title, where, notices] : rows) {
+        const auto start = steady_clock::now();
+        const WmiResult result = RunWmiQuery(bySpace + where);
+        EXPECT_LT(steady_clock::now() - start, 2s) << title;
+        EXPECT_EQ(result.status, 0u) << title;
+        EXPECT_EQ(result.rows.empty(), title == "the dead one") << title;
+        EXPECT_EQ(result.notices.size(), notices) << title;
+        for (const std::string& notice : result.notices) EXPECT_THAT(notice, HasSubstr(folder)) << title;
+    }
+
+    close(device);  // the kernel gives the mount up, and the thread returns
+    WmiResult gone;
+    for (const auto end = steady_clock::now() + 30s; gone.rows.empty() && steady_clock::now() < end;) {
+        gone = RunWmiQuery(bySpace + byName);
+    }
+    ASSERT_EQ(gone.rows.size(), 1u);
+    EXPECT_EQ(PropertyText(gone.rows[0], "FreeSpace"), "NULL");
+    EXPECT_THAT(gone.notices, ElementsAre(HasSubstr(std::generic_category().message(ENOTCONN))));
+    umount2(folder.c_str(), MNT_DETACH);
+    fs::remove(folder);
+}
+
+TEST_F(WmiStorage, LeadsFromAMountToItsDisk) {
+    if (!IsInNamespaces()) {
+        return RunInNamespaces(
+            "--mount",
+            "mount -t tmpfs tmpfs /sys && cd /sys && mkdir -p block/kvd/kvd1 block/kvd/device dev/block "
+            "&& echo 1 > block/kvd/kvd1/partition && "
+            "ln -s /sys/block/kvd/kvd1 dev/block/$(mountpoint -d /)");
+    }
+    const std::pair<const char*, const char*> rows[] = {
+        {"{Win32_LogicalDisk.DeviceID='/'} WHERE AssocClass = Win32_LogicalDiskToPartition", "Disk #0, Partition #0"},
+        {"{Win32_DiskPartition.DeviceID='Disk #0, Partition #0'} WHERE ResultClass = Win32_DiskDrive", "/dev/kvd"},
+        {"{Win32_DiskDrive.DeviceID='/dev/kvd'} WHERE ResultClass = Win32_DiskPartition", "Disk #0, Partition #0"},
+    };
+    for (const auto& [object, other] : rows) {
+        const WmiResult result = RunWmiQuery(std::string("ASSOCIATORS OF ") + object);
+        ASSERT_EQ(result.rows.size(), 1u) << object;
+        EXPECT_EQ(PropertyText(result.rows[0], "DeviceID"), other);
+    }
+}
+
+TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
+    if (!IsInNamespaces())
+        return RunInNamespaces(
+            "--mount", "touch /etc/fstab && mount -t tmpfs tmpfs /mnt && mount -t tmpfs -o size=0 tmpfs /dev/shm");
+    std::ofstream("/mnt/swaps") << "Filename Type Size Used Priority\n/dev/sda2 partition 8388604 2202010 -2\n"
+                                   "/mnt/a\\040file file 2096636 1100 5\n";
+    std::ofstream("/mnt/fstab")
+        << "x /mnt tmpfs\nx /dev/shm tmpfs noauto\n/mnt/a\\040file none swap\nLABEL=none none swap sw,noauto\n";
+    std::ofstream("/mnt/a file") << std::string(3 << 20, '\0');
+    ASSERT_EQ(mount("/mnt/swaps", "/proc/swaps", nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount("/mnt/fstab", "/etc/fstab", nullptr, MS_BIND, nullptr), 0);
+    const std::string shown = RunShell(
+                                  "swapon --show=NAME,SIZE,USED --bytes --noheadings | awk '{m = 1048576; "
+                                  "used = $NF; size = $(NF - 1); NF -= 2; print $0, int(size / m + 0.5), "
+                                  "int(used / m + 0.5)}'")
+                                  .output;
+    EXPECT_EQ(TextsOf("Name,AllocatedBaseSize,CurrentUsage FROM Win32_PageFileUsage"), shown);
+    EXPECT_EQ(TextsOf("Name,InitialSize,MaximumSize FROM Win32_PageFileSetting"),
+              "/mnt/a file 3 3\nLABEL=none NULL NULL");
+    EXPECT_EQ(TextsOf("Name,PercentUsage,PercentUsagePeak FROM Win32_PerfFormattedData_PerfOS_PagingFile"),
+              "/dev/sda2 26 NULL\n/mnt/a file 0 NULL\n_Total 21 NULL");
+    const std::string volumes = "Name,Automount,PageFilePresent FROM Win32_Volume WHERE Name = ";
+    EXPECT_EQ(TextsOf(volumes + "'/'"), "/ true false");
+    EXPECT_EQ(TextsOf(volumes + "'/mnt'"), "/mnt true true");
+    EXPECT_EQ(TextsOf(volumes + "'/dev/shm'"), "/dev/shm false false") << "it has no limit";
+    ASSERT_EQ(mount("/dev/zero", "/proc/swaps", nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(TextsOf("Name FROM Win32_PageFileUsage"), "80041004");
 }
 
 }  // namespace
