@@ -183,18 +183,15 @@ TEST(PerformanceSamples, AreKeptForEachObjectApart) {
         EXPECT_EQ(SpeedsIn(either, u"Held"), "c=7 _Total=7") << "a value wraps in both classes";
 }
 
-class PerformanceOfThisMachine : public WmiTest {
-  protected:
-    static WmiRow QueryFirst(const std::string& query) {
-        const WmiResult result = RunWmiQuery(query);
-        EXPECT_EQ(result.status, wmi_status::ok) << query;
-        EXPECT_FALSE(result.rows.empty()) << query;
-        return result.rows.empty() ? WmiRow() : result.rows.front();
-    }
-    static double NumberIn(const WmiRow& row, const std::string& name) {
-        return std::atof(PropertyText(row, name).c_str());
-    }
-};
+using PerformanceOfThisMachine = WmiTest;
+
+WmiRow QueryFirst(const std::string& query) {
+    const WmiResult result = RunWmiQuery(query);
+    EXPECT_EQ(result.status, wmi_status::ok) << query;
+    return result.rows.at(0);
+}
+
+double NumberIn(const WmiRow& row, const std::string& name) { return std::atof(PropertyText(row, name).c_str()); }
 
 /// A process that lives for half a minute at most and, if told to, writes to /dev/null all the time.
 struct Child {

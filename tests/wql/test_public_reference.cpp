@@ -112,13 +112,23 @@ TEST_F(PublicReference, ClassesAreAsDocumented) {
     EXPECT_EQ(undeclared, "Win32_PageFile Win32_PnPEntity Win32_PrintJob Win32_Printer ");
 }
 
-TEST_F(PublicReference, EveryClassIsInOrderAndHasItsKeys) {
+TEST_F(PublicReference, EveryClassIsInOrderAndHasItsKeysMeaningsAndSuperclasses) {
     for (const ClassInfo* declared : AllClasses()) {
         const std::string name = Utf8FromWide(declared->name);
+        EXPECT_EQ(FindClass(declared->name), declared) << name << ": there is another of that name";
         const auto commas = static_cast<std::size_t>(std::ranges::count(declared->keys, u','));
         EXPECT_EQ(KeyProperties(*declared).size(), declared->keys.empty() ? 0 : commas + 1) << name;
         for (const PropertyInfo& property : declared->properties) {
             EXPECT_EQ(FindProperty(*declared, property.name), &property) << name << Utf8FromWide(property.name);
+            EXPECT_EQ(property.read == nullptr, property.meaning.empty())
+                << name << "." << Utf8FromWide(property.name) << ": only what is read needs a meaning";
+        }
+        if (declared->superclass.empty()) continue;
+        const ClassInfo* superclass = FindClass(declared->superclass);
+        ASSERT_NE(superclass, nullptr) << name;
+        for (const PropertyInfo& inherited : superclass->properties) {
+            const PropertyInfo* own = FindProperty(*declared, inherited.name);
+            EXPECT_TRUE(own != nullptr && own->type == inherited.type) << name << "." << Utf8FromWide(inherited.name);
         }
     }
 }

@@ -35,6 +35,17 @@ using WmiStorage = WmiTest;
 
 class WmiStorageTrees : public FrozenFiles {
   protected:
+    static Gathered Drives(const char* names) { return Over<GatherDiskDrives>(u"Win32_DiskDrive", names); }
+    static Gathered Partitions(const char* names, const char* where = "") {
+        return Over<GatherDiskPartitions>(u"Win32_DiskPartition", names, where);
+    }
+    static Gathered Mounts(const char* names, const std::string& where = "") {
+        return Over<GatherLogicalDisks>(u"Win32_LogicalDisk", names, where);
+    }
+    static Gathered Links(const char* names) {
+        return Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", names);
+    }
+
     /// A device below /sys, with the links to it: "sda" at "ata1/.../0:0:0:0", "sda/sda1" for a partition.
     static void AddDevice(const std::string& place, const std::string& name, const std::string& number,
                           const std::vector<std::pair<std::string, const char*>>& files) {
@@ -104,21 +115,18 @@ class WmiStorageTrees : public FrozenFiles {
 TEST_F(WmiStorageTrees, HaveDisksAndPartitions) {
     AddTwoDisks();
     EXPECT_EQ(
-        LinesOf(Over<GatherDiskDrives>(
-            u"Win32_DiskDrive",
+        LinesOf(Drives(
             "DeviceID Index Partitions Signature Status ConfigManagerErrorCode ConfigManagerUserConfig Capabilities")),
         "/dev/sda|0|4|-1977930691|OK|0|false|[3, 4, 7]|\n/dev/nvme0n1|1|2|NULL|Error|24|false|[3, 4]|\n");
-    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
-                  u"Win32_DiskPartition", "DeviceID Name Caption DiskIndex Index Type Bootable PrimaryPartition")),
+    EXPECT_EQ(LinesOf(Partitions("DeviceID Name Caption DiskIndex Index Type Bootable PrimaryPartition")),
               "Disk #0, Partition #0|Disk #0, Partition #0|/dev/sda1|0|0|Installable File System|true|true|\n"
               "Disk #0, Partition #1|Disk #0, Partition #1|/dev/sda2|0|1|Extended w/Extended Int 13|false|false|\n"
               "Disk #0, Partition #2|Disk #0, Partition #2|/dev/sda5|0|2|Unknown|false|false|\n"
               "Disk #0, Partition #3|Disk #0, Partition #3|/dev/sda10|0|3|Unknown|NULL|NULL|\n"
               "Disk #1, Partition #0|Disk #1, Partition #0|/dev/nvme0n1p1|1|0|GPT: System|true|true|\n"
               "Disk #1, Partition #1|Disk #1, Partition #1|/dev/nvme0n1p7|1|1|GPT: Unknown|false|true|\n");
-    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
-                  u"Win32_DiskPartition", "StartingOffset Size BlockSize NumberOfBlocks Access Status PNPDeviceID",
-                  "WHERE Index = 0")),
+    EXPECT_EQ(LinesOf(Partitions("StartingOffset Size BlockSize NumberOfBlocks Access Status PNPDeviceID",
+                                 "WHERE Index = 0")),
               "32768|409600|4096|100|1|OK|pci0/ata1/host2/target2:0:1/2:0:1:3/block/sda/sda1|\n"
               "4096|8192|512|16|3|Error|pci0/nvme/nvme0/block/nvme0n1/nvme0n1p1|\n");
 }
@@ -132,34 +140,30 @@ TEST_F(WmiStorageTrees, ReferToObjectsByTheirPaths) {
           "22 20 7:0 / /image ro - ext4 /dev/loop0 ro\n23 20 0:40 /a /da\\134ta rw - btrfs /dev/sda5 rw,subvol=/a\n"
           "24 20 0:41 / /net rw - nfs4 nas:/x rw\n25 20 253:0 / /twofold rw - xfs /dev/mapper/v-two rw\n"
           "26 20 253:1 / /locked rw - ext4 /dev/mapper/locked rw\n27 20 259:9 / /part rw - ext4 /dev/md0p1 rw\n");
-    const std::vector<std::string> disks = Over<GatherDiskDrives>(u"Win32_DiskDrive", "__PATH").objects;
-    const std::vector<std::string> partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "__PATH").objects;
+    const std::vector<std::string> disks = Drives("__PATH").objects;
+    const std::vector<std::string> partitions = Partitions("__PATH").objects;
     ASSERT_EQ(partitions.size(), 6U);
     std::vector<std::string> pairs;
     for (std::size_t at = 0; at < partitions.size(); ++at) pairs.push_back(disks.at(at < 4 ? 0 : 1) + partitions[at]);
     EXPECT_EQ(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent Dependent").objects, pairs);
     const auto onMount = [](const std::string& partition, const std::string& mountPoint) {
-        return partition + LinesOf(Over<GatherLogicalDisks>(u"Win32_LogicalDisk", "__PATH",
-                                                            "WHERE DeviceID = '" + mountPoint + "'"));
+        return partition + LinesOf(Mounts("__PATH", "WHERE DeviceID = '" + mountPoint + "'"));
     };
     const std::string links = onMount(partitions[0], "/") + onMount(partitions[2], "/da\\\\ta") +
                               onMount(partitions[2], "/locked") + onMount(partitions[3], "/locked") +
                               onMount(partitions[2], "/part") + onMount(partitions[3], "/part") +
                               onMount(partitions[1], "/twofold") + onMount(partitions[4], "/twofold");
-    EXPECT_EQ(LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent Dependent")),
-              links);
-    EXPECT_THAT(
-        LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "StartingAddress EndingAddress")),
-        testing::StartsWith("32768|442367|\n1024000|1028095|\n"));
+    EXPECT_EQ(LinesOf(Links("Antecedent Dependent")), links);
+    EXPECT_THAT(LinesOf(Links("StartingAddress EndingAddress")),
+                testing::StartsWith("32768|442367|\n1024000|1028095|\n"));
 }
 
 TEST_F(WmiStorageTrees, HaveMountsOfEachKind) {
     Write(root + "/proc/self/mountinfo",
           "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 20 8:2 / /ro ro - ext4 /dev/sda2 ro,usrquota\n"
           "22 20 0:41 / /net rw - nfs4 nas:/x rw\n23 20 0:42 / /run rw - tmpfs tmpfs rw\n");
-    EXPECT_EQ(LinesOf(Over<GatherLogicalDisks>(u"Win32_LogicalDisk",
-                                               "DeviceID FileSystem Access DriveType SupportsDiskQuotas QuotasDisabled "
-                                               "QuotasIncomplete QuotasRebuilding VolumeDirty ConfigManagerErrorCode")),
+    EXPECT_EQ(LinesOf(Mounts("DeviceID FileSystem Access DriveType SupportsDiskQuotas QuotasDisabled "
+                             "QuotasIncomplete QuotasRebuilding VolumeDirty ConfigManagerErrorCode")),
               "/|ext4|3|3|true|true|false|false|false|0|\n/net|nfs4|3|4|false|true|false|false|false|0|\n"
               "/ro|ext4|1|3|true|false|false|false|false|0|\n/run|tmpfs|3|6|true|true|false|false|false|0|\n");
     EXPECT_EQ(
@@ -174,14 +178,11 @@ TEST_F(WmiStorageTrees, HavePlacesAndPathsByTheKernelsNames) {
         AddDevice("pci0/" + std::string(name), name, name, {{"size", "8"}, {std::string(name) + "1/partition", "1"}});
     Write(root + "/dev/cciss/c0d01", "");
     Write(root + "/proc/self/mountinfo", "20 1 0:30 / / rw - btrfs /dev/cciss/c0d01 rw\n");
-    EXPECT_EQ(LinesOf(Over<GatherDiskDrives>(u"Win32_DiskDrive", "DeviceID Index")),
-              "/dev/sdb|0|\n/dev/sdaa|1|\n/dev/cciss/c0d0|2|\n");
-    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption", "WHERE DiskIndex = 2")),
-              "/dev/cciss/c0d01|\n");
+    EXPECT_EQ(LinesOf(Drives("DeviceID Index")), "/dev/sdb|0|\n/dev/sdaa|1|\n/dev/cciss/c0d0|2|\n");
+    EXPECT_EQ(LinesOf(Partitions("Caption", "WHERE DiskIndex = 2")), "/dev/cciss/c0d01|\n");
     EXPECT_THAT(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent").objects.back(),
                 HasSubstr("/dev/cciss/c0d0\""));
-    EXPECT_THAT(LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent")),
-                HasSubstr("Disk #2, Partition #0"));
+    EXPECT_THAT(LinesOf(Links("Antecedent")), HasSubstr("Disk #2, Partition #0"));
 }
 
 TEST_F(WmiStorageTrees, HaveCdDrives) {
@@ -241,12 +242,12 @@ TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
             fs::create_directories(root + "/etc/fstab");
         }
         const std::tuple<const char*, Gathered, bool> rows[] = {
-            {"disks", Over<GatherDiskDrives>(u"Win32_DiskDrive", "Status"), true},
+            {"disks", Drives("Status"), true},
             {"CD drives", Over<GatherCdDrives>(u"Win32_CDROMDrive", "Status"), true},
-            {"partitions", Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Status"), true},
+            {"partitions", Partitions("Status"), true},
             {"of disks", Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent"), true},
-            {"of mounts", Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent"), true},
-            {"mounts", Over<GatherLogicalDisks>(u"Win32_LogicalDisk", "DeviceID"), true},
+            {"of mounts", Links("Antecedent"), true},
+            {"mounts", Mounts("DeviceID"), true},
             {"swaps", Over<GatherPageFiles>(u"Win32_PageFileUsage", "Status"), isThere},
             {"swaps set up", Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name"), isThere},
         };
@@ -268,8 +269,8 @@ TEST_F(WmiStorageTrees, SayOfWhichDiskPartitionsAreLost) {
     Gathered partitions, drives;
     {
         const Nobody nobody;  // the superuser may list all
-        partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption");
-        drives = Over<GatherDiskDrives>(u"Win32_DiskDrive", "Partitions");
+        partitions = Partitions("Caption");
+        drives = Drives("Partitions");
     }
     chmod(disk.c_str(), 0755);
     EXPECT_EQ(LinesOf(partitions), "/dev/nvme0n1p1|\n/dev/nvme0n1p7|\n");

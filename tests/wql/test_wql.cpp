@@ -105,27 +105,21 @@ std::string MatchingObjects(const std::string& where) {
     return numbers;
 }
 
-std::string RestrictionsText(const std::string& where) {
+/// The values that each property must have one of, then the ends between which each must lie.
+std::string HintsOf(const std::string& where) {
     BoundCondition condition;
-    if (IsFailure(Bind(where, condition))) return "invalid";
+    EXPECT_EQ(Bind(where, condition), wmi_status::ok) << where;
+    const auto textOf = [](const CimValue& value) {
+        return value.isNull() ? "" : VariantText(VariantOf(CimType::string, value));
+    };
     std::string text;
     for (const Restriction& restriction : RestrictionsOf(condition)) {
         text += Utf8FromWide(restriction.property) + ":";
-        for (const CimValue& value : restriction.values) text += VariantText(VariantOf(CimType::string, value)) + ",";
+        for (const CimValue& value : restriction.values) text += textOf(value) + ",";
     }
-    return text;
-}
-
-std::string RangesText(const std::string& where) {
-    BoundCondition condition;
-    if (IsFailure(Bind(where, condition))) return "invalid";
-    std::string text;
-    const auto end = [](const CimValue& value) {
-        return value.isNull() ? "" : VariantText(VariantOf(CimType::string, value));
-    };
-    for (const Range& range : RangesOf(condition)) {
-        text += Utf8FromWide(range.property) + ":" + end(range.lowest) + ".." + end(range.highest) + " ";
-    }
+    text += "|";
+    for (const Range& range : RangesOf(condition))
+        text += " " + Utf8FromWide(range.property) + ":" + textOf(range.lowest) + ".." + textOf(range.highest);
     return text;
 }
 
@@ -215,48 +209,37 @@ TEST(Wql, ConditionsMatchObjects) {
         R"(S='C:\a')", "S='a"
     };
     // clang-format on
-    for (const char* where : refused) {
-        EXPECT_EQ(MatchingObjects(where), "invalid") << where;
-    }
+    for (const char* where : refused) EXPECT_EQ(MatchingObjects(where), "invalid") << where;
     BoundCondition condition;
     ASSERT_EQ(Bind("NOT(S='x' OR N=NULL)AND __CLASS='x' AND T IS NULL", condition), wmi_status::ok);
     EXPECT_EQ(NeedsOf(condition), 96u);
 }
 
-TEST(Wql, RestrictionsHoldTheValuesThatCanMatch) {
+TEST(Wql, ConditionsHintAtWhatCanMatch) {
     const std::pair<std::string, const char*> cases[] = {
-        {"U4=0x10 AND S='b' AND I1>3", "U4:16,S:b,"},
-        {"(U4=7 OR U4='5' OR 7.0=U4)", "U4:5,7,"},
-        {"S='b' OR S='B' OR S='b'", "S:B,b,"},
-        {"(S='a' OR S='b')AND S='c' AND(S='d' OR S='e')", "S:c,"},
-        {"U4=1 AND S='a' OR S='b' AND U4=2 AND B=TRUE", "U4:1,2,S:a,b,"},
-        {"U4=1 OR S='a'", ""},
-        {"U4=1 OR U4=NULL", ""},
-        {"NOT U4=1 AND T='20240229060000.000000-300'", ""},
-        {"U1=300 AND I1=1.5", "U1:I1:"},
-        {"U1=300 OR U1=3", "U1:3,"},
-        {"NOT(U4<>7 OR NOT S='b' OR NOT(NOT(I1<>2)))", "U4:7,S:b,I1:2,"},
+        {"U4=0x10 AND S='b' AND I1>3", "U4:16,S:b,| U4:16..16 S:b..b I1:3.."},
+        {"(U4=7 OR U4='5' OR 7.0=U4)", "U4:5,7,| U4:5..7"},
+        {"S='b' OR S='B' OR S='b'", "S:B,b,| S:b..b"},
+        {"(S='a' OR S='b')AND S='c' AND(S='d' OR S='e')", "S:c,| S:d..b"},
+        {"U4=1 AND S='a' OR S='b' AND U4=2 AND B=TRUE", "U4:1,2,S:a,b,| U4:1..2 S:a..b"},
+        {"NOT U4=1 AND T='20240229060000.000000-300'", "| T:1709204400000000..1709204400000000"},
+        {"U1=300 AND I1=1.5", "U1:I1:| U1:300..300 I1:1.5..1.5"},
+        {"U1=300 OR U1=3", "U1:3,| U1:3..300"},
+        {"NOT(U4<>7 OR NOT S='b' OR NOT(NOT(I1<>2)))", "U4:7,S:b,I1:2,| U4:7..7 S:b..b I1:2..2"},
+        {"U4>5 AND 9>=U4 AND I1<3", "| U4:5..9 I1:..3"},
+        {"U4>5 AND U4>=7 AND U4<20 AND U4<30 AND U4<>8", "| U4:7..20"},
+        {"U4=5 AND U4>9", "U4:5,| U4:9..5"},
+        {"U4>-1 AND U4<1e12 AND R8<1.5", "| U4:-1..1e+12 R8:..1.5"},
+        {"U4=3 OR U4>7 AND U4<9 OR U4=5", "| U4:3..9"},
+        {"U4>3 AND S='b' OR S>'c' AND U4>1 AND U4<8", "| U4:1.. S:b.."},
+        {"NOT(U4<=3 OR S='a' OR NOT I1<7)AND NOT(NOT U1>=4)", "| U4:3.. I1:..7 U1:4.."},
+        {"T>='19700101000001.000000+000' AND T<'19700101000000.000005-060'", "| T:1000000..3600000005"},
     };
-    for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsText(where), restrictions) << where;
-}
-
-TEST(Wql, RangesHoldTheEndsOfWhatCanMatch) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"U4>5 AND 9>=U4 AND I1<3", "U4:5..9 I1:..3 "},
-        {"U4>5 AND U4>=7 AND U4<20 AND U4<30 AND U4<>8", "U4:7..20 "},
-        {"U4=5 AND U4>9", "U4:9..5 "},
-        {"U4>-1 AND U4<1e12 AND R8<1.5", "U4:-1..1e+12 R8:..1.5 "},
-        {"U4=3 OR U4>7 AND U4<9 OR U4=5", "U4:3..9 "},
-        {"U4>3 AND S='b' OR S>'c' AND U4>1 AND U4<8", "U4:1.. S:b.. "},
-        {"U4>3 OR U4<2", ""},
-        {"U4>3 OR S='a'", ""},
-        {"S='a' OR U4>3", ""},
-        {"U4>3 OR U4 IS NULL", ""},
-        {"NOT(U4<=3 OR S='a' OR NOT I1<7)AND NOT(NOT U1>=4)", "U4:3.. I1:..7 U1:4.. "},
-        {"NOT U4=3 AND NOT S LIKE 'a%' AND U4<>9 AND N IS NOT NULL AND __CLASS='KV_Sample'", ""},
-        {"T>='19700101000001.000000+000' AND T<'19700101000000.000005-060'", "T:1000000..3600000005 "},
-    };
-    for (const auto& [where, ranges] : cases) EXPECT_EQ(RangesText(where), ranges) << where;
+    for (const auto& [where, hints] : cases) EXPECT_EQ(HintsOf(where), hints) << where;
+    for (const char* where :
+         {"U4=1 OR S='a'", "U4=1 OR U4=NULL", "U4>3 OR U4<2", "U4>3 OR S='a'", "S='a' OR U4>3", "U4>3 OR U4 IS NULL",
+          "NOT U4=3 AND NOT S LIKE 'a%' AND U4<>9 AND N IS NOT NULL AND __CLASS='KV_Sample'"})
+        EXPECT_EQ(HintsOf(where), "|") << where;
 }
 
 TEST(Wql, LikeMatchesPatterns) {
@@ -276,15 +259,8 @@ TEST(Wql, LikeMatchesPatterns) {
 }
 
 TEST(WmiValues, HaveTheVariantsOfTheirTypes) {
-    struct ValueCase {
-        const char* title;
-        CimType type;
-        CimValue value;
-        VariantType expected;
-        const char* text;
-    };
     constexpr auto uint16Array = static_cast<VariantType>(0x2003);
-    const ValueCase cases[] = {
+    const std::tuple<const char*, CimType, CimValue, VariantType, const char*> cases[] = {
         {"uint8", CimType::uint8, 255, VariantType::ui1, "255"},
         {"uint16", CimType::uint16, 65535, VariantType::i4, "65535"},
         {"uint32 is signed", CimType::uint32, 4294967295, VariantType::i4, "-1"},
@@ -298,10 +274,9 @@ TEST(WmiValues, HaveTheVariantsOfTheirTypes) {
         {"a fraction is cut", CimType::uint64, 99.9, VariantType::bstr, "99"},
         {"not a number", CimType::uint64, std::numeric_limits<double>::quiet_NaN(), VariantType::null, "NULL"},
     };
-    for (const ValueCase& row : cases) {
-        const Variant value = VariantOf(row.type, row.value);
-        EXPECT_EQ(value.type, row.expected) << row.title;
-        EXPECT_EQ(VariantText(value), row.text) << row.title;
+    for (const auto& [title, type, value, expected, text] : cases) {
+        const Variant variant = VariantOf(type, value);
+        EXPECT_EQ(std::pair(variant.type, VariantText(variant)), std::pair(expected, std::string(text))) << title;
     }
 }
 
