@@ -210,15 +210,6 @@ void SendAnswer(Socket connection, std::string_view status, std::string_view bod
     SendText(connection, fmt::format("HTTP/1.1 {}\r\nContent-Length: {}\r\n\r\n{}", status, body.size(), body));
 }
 
-/// Keeps a zip as `taken`/<name>.<time>.
-void KeepZip(const std::string& head, const std::string& body) {
-    const std::size_t start = head.find("FILENAME=") + 9;
-    const fs::path path = taken / head.substr(start, head.find_first_of(" &", start) - start);
-    int time = 1;
-    while (fs::exists(fmt::format("{}.{}", path.string(), time))) ++time;
-    TestFolder::Write(fmt::format("{}.{}", path.string(), time), body);
-}
-
 void Serve(Socket connection) {
     std::string head, body;
     for (char c; !head.ends_with("\r\n\r\n") && ReceiveBytes(connection, &c, 1) == 1;) head += c;
@@ -229,7 +220,7 @@ void Serve(Socket connection) {
     for (std::size_t got = 0, read = 1; got < body.size() && read > 0; got += read)
         read = ReceiveBytes(connection, body.data() + got, body.size() - got);
     if (server.answer == Answer::refuses) return SendAnswer(connection, "503 Service Unavailable");
-    KeepZip(head, body);
+    TestFolder::Write(taken / std::to_string(TestFolder::FilesIn(taken).size()), body);
     if (server.answer == Answer::accepts) SendAnswer(connection, "200 OK");
 }
 
