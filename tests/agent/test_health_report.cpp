@@ -68,13 +68,8 @@ class HealthReport : public test::TestAgent {
         return ReadHealthFile(platform::WideFromUtf8(status.string()), failure);
     }
 
-    void SetRegistry(std::u16string_view key, std::u16string_view name, std::u16string_view text,
-                     platform::RegistryType type = platform::RegistryType::text) {
-        ASSERT_EQ(writeValue(platform::RootKey::localMachine, key, name, text, type), platform::error::success);
-    }
-
     void SetMetricsFile(const fs::path& path, platform::RegistryType type = platform::RegistryType::text) {
-        SetRegistry(monitoringKeyPath, u"MetricsFile", platform::WideFromUtf8(path.string()), type);
+        SetSetting(monitoringKeyPath, u"MetricsFile", platform::WideFromUtf8(path.string()), type);
     }
 
     test::VirtualClock clock;
@@ -198,7 +193,7 @@ TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
     EXPECT_EQ(line({}, 3), "CustomerName is missing, and no setting after it is read");
     agentState.gv_ServerPort = 70000;
     EXPECT_EQ(line({}, 0), "no server: KVServerSecurePort is missing");
-    SetRegistry(serverInfoKeyPath, u"KVServerSecurePort", u"70000", platform::RegistryType::text);
+    SetSetting(serverInfoKeyPath, u"KVServerSecurePort", u"70000");
     EXPECT_EQ(line({}, 0), "no server: KVServerSecurePort is not a port");
     agentState.gv_ServerName.reset();
     EXPECT_EQ(line({}, 0), "no server: KVServerName is missing") << "the first one that is read";
@@ -206,7 +201,7 @@ TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
 
 TEST_F(HealthReport, FollowsTheLogLevel) {
     const auto set = [this](std::u16string_view level, platform::RegistryType type) {
-        return [=, this] { SetRegistry(agentKeyPath, u"AgentLogLevel", level, type); };
+        return [=, this] { SetSetting(agentKeyPath, u"AgentLogLevel", level, type); };
     };
     std::vector<std::uint32_t> levels;
     const auto note = [&] { levels.push_back(logState.gv_logLevel); };
@@ -270,7 +265,7 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
         {folder / "monitoring", text, "monitoring is a directory, not a file. "},
         {folder / "kvagent.prom", binary, "MetricsFile cannot be read as a text, and no metrics are written: "},
     };
-    SetRegistry(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8((folder / "").string()));
+    SetSetting(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8((folder / "").string()));
     Write(folder / "precious", "mine");
     for (const auto& [path, type, logged] : rows) {
         SetMetricsFile(path, type);

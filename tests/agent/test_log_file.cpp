@@ -1,7 +1,6 @@
 // The log on real files: levels, rotation, faults, and threads that log while others rotate.
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <fmt/ranges.h>
 #include <limits>
 #include <map>
@@ -37,10 +36,8 @@ class LogFile : public test::TestAgent {
         RotateLogger(std::nullopt);
     }
 
-    void SetRegistry(std::u16string_view name, std::u16string_view number) {
-        ASSERT_EQ(
-            writeValue(platform::RootKey::localMachine, agentKeyPath, name, number, platform::RegistryType::dword),
-            platform::error::success);
+    static void SetNumber(std::u16string_view name, std::u16string_view number) {
+        SetSetting(agentKeyPath, name, number, platform::RegistryType::dword);
     }
 
     /// The files by name, each as "name=x" with the first character of its content.
@@ -61,8 +58,8 @@ TEST_F(LogFile, RotatesAtTheDefaultAndAtTheConfiguredSize) {
         EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, isBeforeTheFirstLine) << size;
         EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
     }
-    SetRegistry(u"LoggerMaxSize", u"500");
-    SetRegistry(u"LoggerMaxFiles", u"7");
+    SetNumber(u"LoggerMaxSize", u"500");
+    SetNumber(u"LoggerMaxFiles", u"7");
     Start("agent.log=" + std::string(900000, 'x'));
     EXPECT_NE(Read(logs / "agent1.log").find("STARTING MONITORING AGENT"), std::string::npos);
     EXPECT_EQ(logState.gv_logMaxFiles, 7U);
@@ -142,7 +139,7 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
     const std::map<std::u16string_view, std::string> rows = {{u"0", ""},    {u"1", "1"},    {u"2", "12"},
                                                              {u"3", "123"}, {u"4", "1234"}, {u"9", "123"}};
     for (const auto& [level, lines] : rows) {
-        SetRegistry(u"AgentLogLevel", level);
+        SetNumber(u"AgentLogLevel", level);
         Start("");
         Log1("line-1 ");
         Log2("line-2 ");
@@ -170,8 +167,7 @@ TEST_F(LogFile, LosesOnlyLinesToAFullDisk) {
 
 TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     constexpr int threadCount = 3;
-    const char* asked = std::getenv("KV_TEST_ROTATIONS");
-    const int rotations = asked ? std::atoi(asked) : 500;
+    constexpr int rotations = 500;
     Start("");
     std::string kept;  // parsed at the end only, because a log grows while it is rotated
     std::atomic<int> moved{0};

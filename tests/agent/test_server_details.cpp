@@ -3,6 +3,7 @@
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include "agent/entry.h"
 #include "agent/log_file.h"
@@ -47,10 +48,7 @@ const Setting optionalSettings[] = {
 
 class ServerDetails : public test::TestAgent {
   protected:
-    void Set(const Setting& setting) {
-        ASSERT_EQ(writeValue(platform::RootKey::localMachine, setting.key, setting.name, setting.data, setting.type),
-                  platform::error::success);
-    }
+    static void Set(const Setting& setting) { SetSetting(setting.key, setting.name, setting.data, setting.type); }
 };
 
 TEST_F(ServerDetails, AnAbsentValueStopsOrFallsBack) {
@@ -68,17 +66,14 @@ TEST_F(ServerDetails, AnAbsentValueStopsOrFallsBack) {
     EXPECT_EQ(state.gv_ServerPort, 8443);
     EXPECT_EQ(state.gv_LastAccessName.view(), u"last");
     EXPECT_TRUE(state.gv_agentID.has_value());
-    EXPECT_EQ(state.gv_httpsEnabled, 1);
-    EXPECT_EQ(state.gv_agentKey.view(), u"HUBCENTER");
-    EXPECT_EQ(state.gv_masterAgent, u"NO");
-    EXPECT_EQ(state.gv_writeInterval, 300);
+    const auto optional = [&] {
+        return std::tuple(state.gv_ServerSecIPAddress, int{state.gv_httpsEnabled},
+                          OptionalText(state.gv_agentKey.view()), state.gv_masterAgent, int{state.gv_writeInterval});
+    };
+    EXPECT_EQ(optional(), std::tuple(std::nullopt, 1, u"HUBCENTER", u"NO", 300));
     for (const Setting& setting : optionalSettings) Set(setting);
     EXPECT_EQ(getCSDetails(), 0);
-    EXPECT_EQ(state.gv_ServerSecIPAddress, u"1.2");
-    EXPECT_EQ(state.gv_httpsEnabled, 0);
-    EXPECT_EQ(state.gv_agentKey.view(), u"key-1");
-    EXPECT_EQ(state.gv_masterAgent, u"YES");
-    EXPECT_EQ(state.gv_writeInterval, 301);
+    EXPECT_EQ(optional(), std::tuple(u"1.2", 0, u"key-1", u"YES", 301));
     Set({server, u"KVServerSecIPAddress", u"ab"});
     Set({server, u"KVServerSecurePort", u"84x"});
     EXPECT_EQ(getCSDetails(), 0);

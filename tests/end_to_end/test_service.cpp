@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -187,13 +188,8 @@ TEST_F(Service, StopsACollectionWithItsScripts) {
 }
 
 std::set<std::string> NamesIn(const std::string& answer) {
-    constexpr std::string_view before = "\"Name\": \"";
-    std::set<std::string> names;
-    for (std::size_t at = answer.find(before); at != answer.npos; at = answer.find(before, at + 1)) {
-        const std::size_t start = at + before.size();
-        names.insert(answer.substr(start, answer.find('"', start) - start));
-    }
-    return names;
+    static const std::regex name("\"Name\": \"([^\"]*)\"");
+    return {std::sregex_token_iterator(answer.begin(), answer.end(), name, 1), {}};
 }
 
 std::set<std::string> WordsIn(const std::string& text) {

@@ -453,10 +453,7 @@ TEST_F(Requests, LimitsAnswerAsFailuresAndRunNothing) {
         Write(conf / "slaves" / "S1" / "queryconf.txt", "{}");
         fake.services = {{u"A", {}}, {u"AA", {}}, {u"XyZA", {}}, {u"web", {}}};
         const auto type = row.text ? platform::RegistryType::text : platform::RegistryType::dword;
-        const auto set = [&](std::u16string_view text, platform::RegistryType as) {
-            writeValue(platform::RootKey::localMachine, monitoringKeyPath, row.setting, text, as);
-        };
-        set(row.text ? row.text : u"1", type);
+        SetSetting(monitoringKeyPath, row.setting, row.text ? row.text : u"1", type);
         fake.calls.clear();
         Serve(R"("RESPONSE_NEEDED": "YES", "REQUEST_TYPE": )" + row.request);
         EXPECT_THAT(posted, testing::HasSubstr(row.answer));
@@ -468,7 +465,7 @@ TEST_F(Requests, LimitsAnswerAsFailuresAndRunNothing) {
         EXPECT_EQ(testing::Value(fake.calls, testing::Contains(testing::HasSubstr("StartServiceW"))),
                   row.answer == started);
         EXPECT_EQ(asked, "LIST ");
-        set(u"*", platform::RegistryType::text);
+        SetSetting(monitoringKeyPath, row.setting, u"*");
     }
 }
 

@@ -7,6 +7,7 @@
 #include "agent/log_file.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
 #include "platform/utf.h"
 
@@ -41,6 +42,11 @@ TestAgent::~TestAgent() {
     StopLogging();
     logState.gv_logLevel = 0;
     ResetAgentState();
+}
+
+void TestAgent::SetSetting(std::u16string_view key, std::u16string_view name, std::u16string_view data,
+                           platform::RegistryType type) {
+    ASSERT_EQ(writeValue(platform::RootKey::localMachine, key, name, data, type), platform::error::success);
 }
 
 std::string TestAgent::LogText() const { return ReadText(folder / "monitoring" / "logs" / "agent.log"); }

@@ -1,6 +1,7 @@
 // A fixture: an installed agent in a temporary folder.
 #pragma once
 
+#include "platform/registry.h"
 #include "tests/support/test_folder.h"
 
 namespace kv::test {
@@ -17,6 +18,10 @@ class TestAgent : public TestFolder {
     std::filesystem::path conf;     // <folder>/monitoring/conf
     std::filesystem::path data;     // bin/data, not made yet
     std::filesystem::path zipdata;  // bin/zipdata, not made yet
+
+    /// Stores a value of the registry's local machine.
+    static void SetSetting(std::u16string_view key, std::u16string_view name, std::u16string_view data,
+                           platform::RegistryType type = platform::RegistryType::text);
 
     /// The whole log, in UTF-8.
     std::string LogText() const;
