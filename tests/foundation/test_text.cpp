@@ -59,42 +59,43 @@ TEST(Text, IsComparedParsedAndConverted) {
 
 TEST(SystemNames, FollowFamilyAndVersion) {
     using enum platform::SystemFamily;
+    enum Traits { plain = 0, workstation = 1, amd64 = 2, secondEdition = 4 };
     const struct {
         platform::SystemFamily family;
         std::uint32_t major, minor;
-        bool isServer = false, isAmd64 = false;
-        const char16_t* servicePack = u"";
+        int traits;
         const char16_t* name;
     } rows[] = {
-        {.family = nt, .major = 6, .minor = 1, .name = u"Windows 7"},
-        {.family = nt, .major = 6, .minor = 1, .isServer = true, .isAmd64 = true, .name = u"Windows 2008 R2"},
-        {.family = nt, .major = 6, .minor = 0, .name = u"Windows Vista"},
-        {.family = nt, .major = 6, .minor = 0, .isServer = true, .name = u"Windows 2008"},
-        {.family = nt, .major = 5, .minor = 2, .isAmd64 = true, .name = u"Windows XP"},
-        {.family = nt, .major = 5, .minor = 2, .isServer = true, .isAmd64 = true, .name = u"Windows 2003"},
-        {.family = nt, .major = 5, .minor = 1, .name = u"Windows XP"},
-        {.family = nt, .major = 5, .minor = 0, .name = u"Windows 2000"},
-        {.family = nt, .major = 4, .minor = 0, .name = u"Windows NT"},
-        {.family = win9x, .major = 4, .minor = 0, .name = u"Windows 95"},
-        {.family = win9x, .major = 4, .minor = 10, .servicePack = u" A", .name = u"Windows 98 SE"},
-        {.family = win9x, .major = 4, .minor = 10, .name = u"Windows 98"},
-        {.family = win9x, .major = 4, .minor = 90, .name = u"Windows Millennium Edition\n"},
-        {.family = win32s, .major = 3, .minor = 10, .name = u"Win32s\n"},
-        {.family = nt, .major = 10, .minor = 0, .isAmd64 = true, .name = u"its own name"},
+        {nt, 6, 1, workstation, u"Windows 7"},
+        {nt, 6, 1, amd64, u"Windows 2008 R2"},
+        {nt, 6, 0, workstation, u"Windows Vista"},
+        {nt, 6, 0, plain, u"Windows 2008"},
+        {nt, 5, 2, workstation | amd64, u"Windows XP"},
+        {nt, 5, 2, workstation, u"Windows 2003"},
+        {nt, 5, 2, amd64, u"Windows 2003"},
+        {nt, 5, 1, plain, u"Windows XP"},
+        {nt, 5, 0, plain, u"Windows 2000"},
+        {nt, 4, 0, plain, u"Windows NT"},
+        {win9x, 4, 0, plain, u"Windows 95"},
+        {win9x, 4, 10, secondEdition, u"Windows 98 SE"},
+        {win9x, 4, 10, plain, u"Windows 98"},
+        {win9x, 4, 90, plain, u"Windows Millennium Edition\n"},
+        {win32s, 3, 10, plain, u"Win32s\n"},
+        {nt, 10, 0, workstation, u"its own name"},
     };
-    for (const auto& row : rows) {
-        const test::Replaced facts(&platform::SystemFactOperations::GetVersionExW,
-                                   [&row](platform::SystemVersion& version) {
-                                       version = {.family = row.family,
-                                                  .major = row.major,
-                                                  .minor = row.minor,
-                                                  .servicePack = row.servicePack,
-                                                  .isWorkstation = !row.isServer,
-                                                  .isAmd64 = row.isAmd64,
-                                                  .plainName = u"its own name"};
-                                       return platform::error::success;
-                                   });
-        EXPECT_EQ(GetOSName(), row.name);
+    for (const auto& [family, major, minor, traits, name] : rows) {
+        const platform::SystemVersion facts{family,
+                                            major,
+                                            minor,
+                                            traits & secondEdition ? u" A" : u"",
+                                            (traits & workstation) != 0,
+                                            (traits & amd64) != 0,
+                                            u"its own name"};
+        const test::Replaced replaced(&platform::SystemFactOperations::GetVersionExW, [&facts](auto& version) {
+            version = facts;
+            return platform::error::success;
+        });
+        EXPECT_EQ(GetOSName(), name);
     }
 }
 

@@ -1,4 +1,5 @@
 // A new plan from the server: the files and the table after it is installed, and after failed steps.
+#include <fmt/format.h>
 #include <regex>
 
 #include "platform/files.h"
@@ -55,60 +56,41 @@ class ConfigReload : public PlanTest {
 };
 
 TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
-    const std::string own = PlanText("WorkFlows", {"new"}), ofS = PlanText("WorkFlows_S", {"new"});
-    const std::string waits = "queryconf.txt", refused = "queryconf.txt.refused", gone;
+    const std::string own = PlanText("WorkFlows", {"new"}), ofS = PlanText("WorkFlows_S", {"new"}),
+                      ofT = PlanText("WorkFlows_T", {"new"});
+    const std::string stays = "live old [queryconf.txt] live", refused = "live old [queryconf.txt.refused] live";
+    const std::string replaced = "new live [] new";
     const Files sound = platform::Files();
     struct Row {
         const char* title;
         const char* agentKey;
         std::string newText;  // empty: absent
-        Files operations;
-        std::string slave, live, backup, downloads, loaded;
+        std::string slave;
+        std::string outcome;  // the plan, its backup, the downloads, and what is loaded
         const char* logged = "";
+        Files operations = platform::Files();
         std::vector<const char*> missing = {};  // below conf, before the plan comes
     };
     for (const Row& row : std::vector<Row>{
-             {"the own plan, key in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
-             {"a slave's plan", "S", ofS, sound, "S", "new", "live", gone, "new"},
-             {"an empty list", "Own", "{\"WorkFlows\":[]}", sound, "", "{\"WorkFlows\":[]}", "live", gone, "-"},
-             {"a plan that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
-              "old", waits, "live", "queryconf.txt waits for the next call"},
-             {"the first slave's plan",
-              "T",
-              PlanText("WorkFlows_T", {"new"}),
-              sound,
-              "T",
-              "new",
-              "-",
-              gone,
-              "new",
-              "",
-              {"slaves", "backup"}},
-             {"a slave without its file",
-              "S",
-              ofS,
-              sound,
-              "S",
-              "new",
-              "-",
-              gone,
-              "new",
-              "",
-              {"slaves/S/queryconf.txt"}},
-             {"an absent plan", "Own", "", sound, "", "live", "old", gone, "live"},
-             {"a malformed plan", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
+             {"the own plan, key in another case", "oWN", own, "", replaced},
+             {"a slave's plan", "S", ofS, "S", replaced},
+             {"an empty list", "Own", R"({"WorkFlows":[]})", "", R"({"WorkFlows":[]} live [] -)"},
+             {"a plan that cannot be read now", "Own", own, "", stays, "queryconf.txt waits for the next call",
+              Failing(&Files::CreateFileW, tooManyOpenFiles)},
+             {"the first slave's plan", "T", ofT, "T", "new - [] new", "", sound, {"slaves", "backup"}},
+             {"a slave without its file", "S", ofS, "S", "new - [] new", "", sound, {"slaves/S/queryconf.txt"}},
+             {"an absent plan", "Own", "", "", "live old [] live"},
+             {"a malformed plan", "Own", "{\"WorkFlows\":[", "", refused,
               "\t JudgeQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
-             {"another agent's plan", "Own", ofS, sound, "", "live", "old", refused, "live",
-              "queryconf.txt has no array WorkFlows"},
-             {"a plan that cannot run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
-              "live", "old", refused, "live",
+             {"another agent's plan", "Own", ofS, "", refused, "queryconf.txt has no array WorkFlows"},
+             {"a plan that cannot run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", "", refused,
               "no workflow of WorkFlows can run: the last has an interval that is not a number"},
-             {"a key that names a parent directory", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
-              "..\\..\\S cannot name a directory"},
-             {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
-              "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
-             {"the disk is full", "Own", own, Failing(&Files::FlushFileBuffers, diskFull), "", "live", "live", waits,
-              "live", "which stays. Error is [112]"},
+             {"a key that names a parent directory", "..\\..\\S", ofS, "", stays, "..\\..\\S cannot name a directory"},
+             {"no backup can be made", "Own", own, "", "new old [] new",
+              "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]",
+              Failing(&Files::CopyFileW, diskFull)},
+             {"the disk is full", "Own", own, "", "live live [queryconf.txt] live", "which stays. Error is [112]",
+              Failing(&Files::FlushFileBuffers, diskFull)},
          }) {
         SCOPED_TRACE(row.title);
         SetUpFiles(row.newText);
@@ -116,10 +98,10 @@ TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
         for (const char* each : row.missing) fs::remove_all(conf / each);
         const platform::ScopedOperations scoped(row.operations);
         ReloadQueryConfDetails(platform::WideFromUtf8(row.agentKey));
-        EXPECT_EQ(PlanInFile(LivePath(row.slave)), row.live);
-        EXPECT_EQ(PlanInFile(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
-        EXPECT_EQ(FilesIn(download), row.downloads.empty() ? std::vector<std::string>{} : std::vector{row.downloads});
-        EXPECT_EQ(LoadedPlan(row.slave), row.loaded);
+        EXPECT_EQ(fmt::format("{} {} [{}] {}", PlanInFile(LivePath(row.slave)),
+                              PlanInFile(conf / "backup" / row.slave / "queryconf.txt"),
+                              fmt::join(FilesIn(download), " "), LoadedPlan(row.slave)),
+                  row.outcome);
         EXPECT_TRUE(Logged(row.logged));
     }
 }

@@ -24,7 +24,10 @@ std::string Variable(char last, std::uint8_t tag, std::string_view content) {
 
 TEST_F(SnmpManager, EndsAWalkThatCannotGoOn) {
     const auto value = [](char last) { return DeviceAnswer{.variables = {Variable(last, 0x04, "v")}}; };
-    const std::string one = "1: .1.3.6.1.9.1 4:v";
+    const std::string one = "1: .1.3.6.1.9.1 4:v", outside = Item(0x30, FromHex("06 01 2c 05 00"));
+    const DeviceAnswer end{.variables = {Variable(9, 0x82, "")}}, error{.errorStatus = 103}, trap{.command = 0xA4};
+    const DeviceAnswer leaving{.variables = {Variable(2, 4, "v"), outside}};
+    const DeviceAnswer exception{.variables = {Variable(2, 0x81, ""), Variable(3, 4, "v")}};
     struct Row {
         const char* title;
         std::vector<DeviceAnswer> answers;
@@ -32,17 +35,12 @@ TEST_F(SnmpManager, EndsAWalkThatCannotGoOn) {
         std::string logged = {};
     };
     for (const Row& row : std::vector<Row>{
-             {"the end of the tree", {value(1), {.variables = {Variable(9, 0x82, "")}}}, one},
-             {"an error status like that of an unreadable answer",
-              {value(1), {.errorStatus = 103}},
-              one,
-              "goes no further, with the error status 103. The walk ends with 1 values"},
-             {"a trap", {value(1), {.command = 0xA4}}, one, "sends what cannot be read. The walk ends with 1 values"},
-             {"a name out of the subtree, after a value",
-              {value(1), {.variables = {Variable(2, 4, "v"), Item(0x30, FromHex("06 01 2c 05 00"))}}},
-              one},
-             {"an exception among values, two in one answer, then an empty list",
-              {value(1), {.variables = {Variable(2, 0x81, ""), Variable(3, 4, "v")}}, value(4), {}},
+             {"the end of the tree", {value(1), end}, one},
+             {"an error", {value(1), error}, one, "goes no further, with the error status 103. The walk ends with 1"},
+             {"a trap", {value(1), trap}, one, "sends what cannot be read. The walk ends with 1 values"},
+             {"a value beside one that is out of the subtree", {value(1), leaving}, one},
+             {"an exception among values, and an empty list",
+              {value(1), exception, value(4), {}},
               one + ", .1.3.6.1.9.2 129:(null), .1.3.6.1.9.3 4:v, .1.3.6.1.9.4 4:v",
               "sends no value that can be read. The walk ends with 4 values"},
          }) {
@@ -201,6 +199,9 @@ TEST_F(SnmpManager, TakesAnswersOfTheDeviceAloneIfItHasTo) {
 TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
     const std::string answer = EncodeAnswer({.variables = {Variable(1, 0x04, "v")}});
     const std::string other = EncodeAnswer({.variables = {Variable(2, 0x04, "w")}});
+    const std::string half = answer.substr(0, answer.size() / 2), error = EncodeAnswer({.errorStatus = 103});
+    const std::string more =
+        EncodeAnswer({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}});
     const auto sized = [](std::size_t length) {
         const std::size_t rest = EncodeAnswer({.variables = {Variable(1, 0x04, std::string(7000, 'x'))}}).size() - 7000;
         return EncodeAnswer({.variables = {Variable(1, 0x04, std::string(length - rest, 'x'))}});
@@ -217,23 +218,11 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
         SentFrom from = SentFrom::ownPort;
     };
     for (const Row& row : std::vector<Row>{
-             {"two answers from another port",
-              {other, answer},
-              "0: .1.3.6.1.9.2 4:w | (null)",
-              "",
-              SentFrom::anotherPort},
-             {"more values than asked for",
-              {EncodeAnswer({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
-              "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
+             {"two answers", {other, answer}, "0: .1.3.6.1.9.2 4:w | (null)", "", SentFrom::anotherPort},
+             {"more values than asked for", {more}, "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
              {"an empty datagram", {""}, nothing},
-             {"half a message",
-              {answer.substr(0, answer.size() / 2)},
-              nothing,
-              "SnmpGetOperation :: 127.0.0.1 sends what cannot be read"},
-             {"an error status like that of half a message",
-              {EncodeAnswer({.errorStatus = 103})},
-              nothing,
-              "127.0.0.1 reports the error status 103 at value 0"},
+             {"half a message", {half}, nothing, "SnmpGetOperation :: 127.0.0.1 sends what cannot be read"},
+             {"the error status of half a message", {error}, nothing, "reports the error status 103 at value 0"},
              {"the longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
              {"one byte too long", {sized(7990)}, nothing},
              {"an integer of five bytes", holding(0x02, "00 00 00 00 07"), "0: .1.3.6.1.9.1 2:-1 | (null)"},
