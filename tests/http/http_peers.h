@@ -150,9 +150,9 @@ class HttpTest : public TestAgent {
         return AgentSendRequest({}, 0, url, {}, response, kind, 0, false);
     }
     static platform::Error Post(int port, std::u16string url, std::string_view body, std::size_t length,
-                                RequestKind kind = RequestKind::REQUEST_POST_BINARY) {
+                                RequestKind kind = RequestKind::REQUEST_POST_BINARY, OptionalText* response = nullptr) {
         agentState.gv_ServerPort = port;
-        return AgentSendRequest({}, 0, url, {.body = body}, nullptr, kind, length, false);
+        return AgentSendRequest({}, 0, url, {.body = body}, response, kind, length, false);
     }
 
     /// Gets /x into a file of the working directory.

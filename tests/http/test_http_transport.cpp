@@ -198,6 +198,7 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
             const platform::Error failure = real.WinHttpOpenRequest(connection, verb, url, types, flags, request);
             return failure ? failure : real.WinHttpSetOptionNumber(request, platform::HttpOption::receiveTimeout, 150);
         });
+    const std::string half = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345";
     const struct {
         const char* title;
         RawServer::Handler peer;
@@ -205,11 +206,9 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
         std::string kept = {};  // of a download
     } rows[] = {
         {"not HTTP", Answers("220 mail ready\r\nwho are you?\r\n"), 12152},
-        {"half a body", Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"), 12030, "12345"},
-        {"falls silent in the body", Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345", true), 12002,
-         "12345"},
-        {"an encoding that was not asked for", Answers("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\nraw"), 0,
-         "raw"},
+        {"half a body", Answers(half), 12030, "12345"},
+        {"falls silent in the body", Answers(half, true), 12002, "12345"},
+        {"an encoding not asked for", Answers("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\nraw"), 0, "raw"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -217,10 +216,10 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
         EXPECT_EQ(Download(server.port, u"part.bin"), row.expected);
         EXPECT_EQ(Read(bin / "part.bin"), row.kept);
     }
-    RawServer cut(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabcde"));
+    RawServer cut(Answers(half));
     OptionalText response;
     EXPECT_EQ(Get(cut.port, u"/x", &response), 0u);
-    EXPECT_EQ(response, u"\u6261\u6463");  // whole characters of what came
+    EXPECT_EQ(response, u"\u3231\u3433");  // whole characters of what came
     RawServer gone(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "nothing came";
     const Replaced full(&platform::FileOperations::WriteFile, [](auto&&...) { return platform::error::diskFull; });
@@ -237,14 +236,12 @@ TEST_F(HttpTransport, APostThatWantsTheAnswerNeedsItsLength) {
     };
     for (const auto& [answer, result, text] : rows) {
         RawServer server([&answer = answer](Socket connection, const std::string&) {
-            char body[2];
+            char body[4];
             ReceiveBytes(connection, body, sizeof body);
             SendText(connection, std::string("HTTP/1.1 200 OK\r\n") + answer);
         });
-        agentState.gv_ServerPort = server.port;
-        std::u16string url = u"/x";
         OptionalText response;
-        EXPECT_EQ(InternetSendRequest({}, 0, url, "body", &response, false), result) << answer;
+        EXPECT_EQ(Post(server.port, u"/x", "body", 4, RequestKind::REQUEST_POST_BINARY, &response), result) << answer;
         EXPECT_EQ(response, text) << answer;
     }
 }
