@@ -7,7 +7,6 @@
 #include "facts/software/distribution.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/smbios_bytes.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/hardware/batteries.h"
 #include "wql/classes/hardware/enclosure_and_boards.h"
 #include "wql/classes/hardware/firmware_classes.h"
@@ -155,14 +154,6 @@ TEST_F(SmbiosFile, IsReadOrMissingOrUnreadable) {
 }
 
 struct WmiFrozenTree : FrozenFiles {
-    /// files: lines of path=content, below a folder.
-    void WriteAll(const fs::path& below, std::string_view files) const {
-        for (std::string_view line; TakeLine(files, line);) {
-            const std::size_t equals = line.find('=');
-            Write(work / below / line.substr(0, equals), std::string(line.substr(equals + 1)) + "\n");
-        }
-    }
-
     void Link(const fs::path& name, const fs::path& target) const {
         fs::create_directories((work / name).parent_path());
         fs::create_directory_symlink(work / target, work / name);
@@ -228,24 +219,24 @@ TEST_F(WmiBatteries, AreAbsentOrCannotBeRead) {
 struct WmiVideo : WmiFrozenTree {
     /// Three devices of the bus, one of which is not a video card, and two cards elsewhere.
     void WriteTree() const {
-        WriteAll("sys/devices/pci/0000:00:02.0",
-                 "class=0x030000\nvendor=0x8086\ndevice=0x5917\nboot_vga=1\ngraphics/fb0/bits_per_pixel=32\n");
-        WriteAll("sys/devices/pci/0000:01:00.0",
-                 "class=0x030200\nvendor=0x1002\ndevice=0xffff\nmem_info_vram_total=8589934592\n");
-        WriteAll("sys/devices/pci/0000:02:00.0", "class=0x020000\nvendor=0x8086\ndevice=0x100e\n");
+        WriteAll("sys/devices",
+                 "pci/0000:00:02.0/class=0x030000\npci/0000:00:02.0/vendor=0x8086\npci/0000:00:02.0/device=0x5917\n"
+                 "pci/0000:00:02.0/boot_vga=1\npci/0000:00:02.0/graphics/fb0/bits_per_pixel=32\n"
+                 "pci/0000:01:00.0/class=0x030200\npci/0000:01:00.0/vendor=0x1002\npci/0000:01:00.0/device=0xffff\n"
+                 "pci/0000:01:00.0/mem_info_vram_total=8589934592\npci/0000:02:00.0/class=0x020000\n"
+                 "pci/0000:02:00.0/vendor=0x8086\npci/0000:02:00.0/device=0x100e\n"
+                 "platform/gpu.0/uevent=\nplatform/vkms/uevent=\n");
+        WriteAll("sys",
+                 "class/drm/card1-DP-1/enabled=disabled\nclass/drm/card1-HDMI-A-1/enabled=enabled\n"
+                 "class/drm/version=drm 1.1.0\nmodule/vc4/version=1.2.3\nbus/platform/drivers/vc4/bind=\n");
+        Write(work / "sys/class/drm/card1-HDMI-A-1/modes", "1920x1080i\n1280x720\n");
         for (const char* name : {"0000:00:02.0", "0000:01:00.0", "0000:02:00.0"})
             Link(fs::path("sys/bus/pci/devices") / name, fs::path("sys/devices/pci") / name);
         Link("sys/class/drm/card1/device", "sys/devices/pci/0000:00:02.0");
-        WriteAll("sys/class/drm", "card1-DP-1/enabled=disabled\ncard1-HDMI-A-1/enabled=enabled\nversion=drm 1.1.0\n");
-        Write(work / "sys/class/drm/card1-HDMI-A-1/modes", "1920x1080i\n1280x720\n");
         Link("sys/devices/pci/0000:00:02.0/driver", "sys/bus/pci/drivers/i915");
-        WriteAll("sys/devices/platform/gpu.0", "uevent=\n");
         Link("sys/class/drm/card0/device", "sys/devices/platform/gpu.0");
         Link("sys/devices/platform/gpu.0/driver", "sys/bus/platform/drivers/vc4");
-        WriteAll("sys/module/vc4", "version=1.2.3\n");
-        WriteAll("sys/bus/platform/drivers/vc4", "bind=\n");
         Link("sys/bus/platform/drivers/vc4/module", "sys/module/vc4");
-        WriteAll("sys/devices/platform/vkms", "uevent=\n");
         Link("sys/class/drm/card2/device", "sys/devices/platform/vkms");
         Link("sys/devices/platform/vkms/driver", "sys/bus/platform/drivers/vkms");
     }

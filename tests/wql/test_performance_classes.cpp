@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -16,11 +15,10 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
-#include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
-#include "wql/class_tree.h"
 #include "wql/classes/performance/perf_class.h"
 
 namespace kv::test {
@@ -30,7 +28,7 @@ using namespace platform;
 using namespace wql;
 using enum CounterKind;
 namespace fs = std::filesystem;
-using PerformanceFiles = WmiTest;
+using PerformanceFiles = FrozenFiles;
 
 constexpr std::uint64_t second = 10'000'000;
 
@@ -310,11 +308,6 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
     }
 }
 
-void Write(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path) << text << '\n';
-}
-
 /// While one lives, /proc is an empty folder. Only for a test that runs in namespaces.
 struct EmptyProc {
     const int failure = mount("tmpfs", "/proc", "tmpfs", 0, "");
@@ -359,29 +352,7 @@ const std::pair<const char*, std::string> kernelFiles[] = {
     {"/proc/71/status", "VmPeak: 9000 kB\nVmHWM: 500 kB\nRssAnon: 70 kB\nVmSwap: 8 kB"},
     {"/proc/71/io", "rchar: 1000\nwchar: 200\nsyscr: 30\nsyscw: 4"},
     {"/proc/cpuinfo", "processor\t: 0\ncpu MHz\t\t: 1500.7\n"},
-    {"/sys/devices/system/node/online", "0-1"},
-    {"/sys/devices/system/node/node0/cpulist", "1-4095"},
-    {"/sys/devices/system/node/node1/cpulist", "0"},
-    {"/sys/devices/system/cpu/cpu0/cpufreq/base_frequency", "2000000"},
-    {"/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", "4000000"},
-    {"/sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq", "3000000"},
     {"/sys/devices/system/cpu/cpu0/cpufreq/stats/time_in_state", "1000000 100\n3000000 300"},
-    {"/sys/class/thermal/cooling_device0/type", "Processor"},
-    {"/sys/class/thermal/thermal_zone10/type", "broken"},
-    {"/sys/class/thermal/thermal_zone10/temp", "-273200"},
-    {"/sys/class/thermal/thermal_zone0/type", "acpitz"},
-    {"/sys/class/thermal/thermal_zone0/temp", "45000"},
-    {"/sys/class/thermal/thermal_zone0/trip_point_0_type", "active"},
-    {"/sys/class/thermal/thermal_zone0/trip_point_1_type", "passive"},
-    {"/sys/class/thermal/thermal_zone0/cdev0_trip_point", "1"},
-    {"/sys/class/thermal/thermal_zone0/cdev0/cur_state", "3"},
-    {"/sys/class/thermal/thermal_zone0/cdev0/max_state", "10"},
-    {"/sys/class/thermal/thermal_zone0/cdev1_trip_point", "0"},
-    {"/sys/class/thermal/thermal_zone0/cdev1/cur_state", "5"},
-    {"/sys/class/thermal/thermal_zone0/cdev1/max_state", "5"},
-    {"/sys/class/thermal/thermal_zone2/type", "acpitz"},
-    {"/sys/class/thermal/thermal_zone2/temp", "-500"},
-    {"/sys/class/thermal/thermal_zone3/type", "asleep"},
 };
 
 TEST_F(PerformanceFiles, GiveTheirCounters) {
@@ -392,15 +363,24 @@ TEST_F(PerformanceFiles, GiveTheirCounters) {
     }
     const EmptyProc proc;
     ASSERT_EQ(proc.failure, 0);
-    for (const auto& [name, text] : kernelFiles) Write(name, text);
+    for (const auto& [name, text] : kernelFiles) Write(name, text + "\n");
+    WriteAll("/sys/class/thermal",
+             "cooling_device0/type=Processor\nthermal_zone10/type=broken\nthermal_zone10/temp=-273200\n"
+             "thermal_zone0/type=acpitz\nthermal_zone0/temp=45000\nthermal_zone0/trip_point_0_type=active\n"
+             "thermal_zone0/trip_point_1_type=passive\nthermal_zone0/cdev0_trip_point=1\n"
+             "thermal_zone0/cdev0/cur_state=3\nthermal_zone0/cdev0/max_state=10\nthermal_zone0/cdev1_trip_point=0\n"
+             "thermal_zone0/cdev1/cur_state=5\nthermal_zone0/cdev1/max_state=5\nthermal_zone2/type=acpitz\n"
+             "thermal_zone2/temp=-500\nthermal_zone3/type=asleep\n");
+    WriteAll("/sys/devices/system",
+             "node/online=0-1\nnode/node0/cpulist=1-4095\nnode/node1/cpulist=0\n"
+             "cpu/cpu0/cpufreq/base_frequency=2000000\ncpu/cpu0/cpufreq/cpuinfo_max_freq=4000000\n"
+             "cpu/cpu0/cpufreq/scaling_max_freq=3000000\n");
     fs::create_symlink("/sys/block/kvd/kvd1", "/sys/dev/block/8:1");
     int state = 0;
     for (const auto& [name, time, usage] : std::initializer_list<std::tuple<const char*, const char*, const char*>>{
              {"POLL", "5", "5"}, {"C1_ACPI", "1000", "10"}, {"C1E", "2000", "20"}, {"C10", "7000", "40"}}) {
-        const fs::path folder = fmt::format("/sys/devices/system/cpu/cpu0/cpuidle/state{}", state++);
-        Write(folder / "name", name);
-        Write(folder / "time", time);
-        Write(folder / "usage", usage);
+        WriteAll(fmt::format("/sys/devices/system/cpu/cpu0/cpuidle/state{}", state++),
+                 fmt::format("name={}\ntime={}\nusage={}\n", name, time, usage));
     }
     const std::pair<const char*, const char*> rows[] = {
         {"Threads,Processes FROM Win32_PerfFormattedData_PerfOS_System", "345 2"},
@@ -464,7 +444,7 @@ TEST_F(PerformanceFiles, GiveTheirCounters) {
          "71 odd) S (na me 3 5 120 30000000 4000000 7 8192000 368640 9216000 500 78 79872 1000 200 30 4 6"},
     };
     for (const auto& [selected, texts] : rows) EXPECT_EQ(TextsOf(selected), texts) << selected;
-    Write("/proc/sys/vm/overcommit_memory", "2");
+    Write("/proc/sys/vm/overcommit_memory", "2\n");
     EXPECT_EQ(TextsOf("CommitLimit,PercentCommittedBytesInUse FROM Win32_PerfFormattedData_PerfOS_Memory"),
               "9216000 89");
     const std::vector<WmiRow> logical = RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfDisk_LogicalDisk").rows;
@@ -477,7 +457,7 @@ TEST_F(PerformanceFiles, GiveTheirCounters) {
     EXPECT_EQ(numberOf("PercentIdleTime") + numberOf("PercentDiskTime"), numberOf("Timestamp_PerfTime"));
 }
 
-TEST_F(PerformanceFiles, OfProcessesThatProcHidesAreToldOf) {
+TEST_F(PerformanceOfThisMachine, TellsOfProcessesThatProcHides) {
     if (!IsInNamespaces()) return RunInNamespaces("--mount", "mount -t proc -o hidepid=2 proc /proc");
     ASSERT_EQ(setgid(65534), 0);
     ASSERT_EQ(setuid(65534), 0);

@@ -251,9 +251,8 @@ TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
             {"swaps", Over<GatherPageFiles>(u"Win32_PageFileUsage", "Status"), isThere},
             {"swaps set up", Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name"), isThere},
         };
-        for (const auto& [title, result, fails] : rows) {
-            EXPECT_THAT(Outcome(result), testing::StartsWith(fails ? "80041004 0 " : "00000000 0")) << title;
-        }
+        for (const auto& [title, result, fails] : rows)
+            EXPECT_EQ(Outcome(result).substr(0, 11), fails ? "80041004 0 " : "00000000 0") << title;
     }
     Write(root + "/proc/self/mountinfo", "20 1 8:1 / /data rw - ext4 /dev/sda1 rw\n");
     const Gathered volumes = Over<GatherLogicalDisks>(u"Win32_Volume", "Automount PageFilePresent");

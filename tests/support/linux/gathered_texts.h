@@ -86,6 +86,14 @@ class FrozenFiles : public TestFolder {
         root = work.string();
     }
 
+    /// files: lines of path=content, below a folder.
+    static void WriteAll(const std::filesystem::path& below, std::string_view files) {
+        for (std::string_view line; facts::TakeLine(files, line);) {
+            const std::size_t equals = line.find('=');
+            Write(below / line.substr(0, equals), std::string(line.substr(equals + 1)) + "\n");
+        }
+    }
+
     /// gather: takes a Gathering and the folder's path.
     template <auto gather>
     static Gathered Over(std::u16string_view className, std::string_view names, std::string_view where = {}) {
