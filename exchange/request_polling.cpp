@@ -65,13 +65,14 @@ bool WriteRequestAvailable(std::u16string_view text) {
 }
 
 /// A request that is still named brought the agent down, or a stop cut it short. The server is told to drop it, and the
-/// rest of its list is fetched again.
+/// rest of its list is fetched again. A plan that it has brought may not be taken by the next one.
 void DropInterruptedRequest() {
     OptionalText id;
     if (GetRequestID(id) != error::success || !id || id == u"NONE") return;
     Log2("\t ParseRequestList :: Agent may be crashed while processing the request id %s, so ignoring the request...\n",
          id);
     Log1("\t RequestCentralServer :: The agent ended while it served the request %s, which is dropped\n", id);
+    DropDownloadedPlan();
     std::u16string url = RequestServletUrl() + u"&action=DELETE_REQUEST&requestId=" + QueryValue(*id);
     InternetGetRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, nullptr, false);
     if (const Error failure = SetRequestID(u"NONE"))

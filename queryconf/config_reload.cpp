@@ -229,6 +229,15 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     ClearDownloads(directory);
 }
 
+void DropDownloadedPlan() {
+    DeleteLeftPlans(conf_path::downloadDirectory);
+    const Error failure = Files().DeleteFileW(newPlan);
+    if (failure == error::success)
+        Log1("\t ReloadQueryConfDetails :: %s was brought by a request that is dropped, and is deleted \n", newPlan);
+    else if (!IsMissing(failure))
+        Log1("\t ReloadQueryConfDetails :: %s cannot be deleted. Error is [%u] \n", newPlan, failure);
+}
+
 void ReloadQueryConfDetails(std::u16string_view agentKey) {
     Log3("\t Inside ReloadQueryConfDetails() \n");
     if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {

@@ -35,6 +35,9 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
 /// it then waits in the download directory for the next call, whichever agent that call names.
 void ReloadQueryConfDetails(std::u16string_view agentKey);
 
+/// Deletes the plan that waits in the download directory, for which a request is dropped that may have brought it.
+void DropDownloadedPlan();
+
 /// Waits for the collection in progress, then builds gv_sortVec and all timers again: every workflow runs at once.
 void ReloadAndScheduleQueryData();
 

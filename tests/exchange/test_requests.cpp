@@ -260,6 +260,15 @@ TEST_F(Requests, OnlyThePlanOfADownloadedArchiveStays) {
     EXPECT_EQ(Read(conf / "slaves" / "S" / "queryconf.txt"), plan);
     EXPECT_EQ(FilesIn(conf / "download"), Names{"queryconf.txt.refused"});
     EXPECT_EQ(CountInRound("2 entries beside the plan are deleted"), 1);
+    for (const bool isDropped : {true, false}) {
+        SCOPED_TRACE(isDropped ? "a kill ended the request that brought a plan"
+                               : "a plan that could not be put in place");
+        Write(conf / "download" / "queryconf.txt", R"({"WorkFlows_T": []})");
+        SetRequestID(isDropped ? u"R1" : u"NONE");
+        Serve(R"("REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "T", "DOWNLOAD_URL": "/none")");
+        EXPECT_EQ(std::filesystem::exists(conf / "slaves" / "T"), !isDropped);
+        EXPECT_FALSE(std::filesystem::exists(conf / "download" / "queryconf.txt"));
+    }
 }
 
 TEST_F(Requests, SnmpValuesGoToTheServer) {
