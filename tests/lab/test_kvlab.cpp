@@ -79,10 +79,9 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
 TEST_P(Kvlab, PrintsAndDrawsRecords) {
     const std::int64_t now = Now() / 1000;
     const auto record = [&](std::int64_t ago, const std::string& error, int free) {
-        const std::string text =
-            fmt::format(R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"{}","Disks":[{{"Name":"/","FreeSpace":"{}"}}]}})",
-                        now - ago, error, free);
-        return DecodeRecord("f.txt", WideBytes(text));
+        const char* const disks =
+            R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"{}","Disks":[{{"Name":"/","FreeSpace":"{}"}}]}})";
+        return DecodeRecord("f.txt", WideBytes(fmt::format(fmt::runtime(disks), now - ago, error, free)));
     };
     StoreDelivery(store, "A1", "1.zip",
                   {record(7000, "NO ERROR", 1000), record(900, "NO ERROR", 2000), record(60, "FAILED", 3000)});
@@ -128,8 +127,8 @@ TEST_P(Kvlab, DrawsWhatChangesAndNamesTheRest) {
     const auto record = [](std::int64_t ago, int load) {
         std::string rows = R"({"Name":"a","Size":"7"})";
         for (int row = 0; row < 300; ++row) rows += fmt::format(R"(,{{"Name":"r{}","Load":"{}"}})", row, load);
-        return DecodeRecord(
-            "f.txt", WideBytes(fmt::format(R"({{"DATACOLLECTTIME":"{}","Rows":[{}]}})", Now() / 1000 - ago, rows)));
+        const auto text = fmt::format(R"({{"DATACOLLECTTIME":"{}","Rows":[{}]}})", Now() / 1000 - ago, rows);
+        return DecodeRecord("f.txt", WideBytes(text));
     };
     StoreDelivery(store, "A1", "1.zip", {record(900, 1), record(60, 2)});
     locale = "C";

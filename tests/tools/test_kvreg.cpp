@@ -26,7 +26,6 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"set", "Software\\KvregTest\\Sub", "x", "y"}, 0, "", ""},
         {{"get", key}, 0, "--\n", ""},
         {{"set", key, "++", "--"}, 0, "", ""},
-        {{"get", key, "++"}, 0, "--\n", ""},
         {{"delete", key, "++", "--"}, 2, "", "unexpected '--'"},
         {{"set", key, "v", "-x"}, 2, "", "unknown option '-x'"},
         {{"set", key, "v", "1", "--dword=yes"}, 2, "", "--dword takes no value"},
@@ -119,9 +118,7 @@ TEST_F(Kvreg, ImportsAWholeFileOrNothing) {
     Write(file, inA + "\"n\"=hex:01,\\\n 02\n[HKLM\\Software/KvregTest/A]\n[-HKLM\\Software/KvregTest/A]\n");
     EXPECT_THAT(Run({"import", file}).errors, HasSubstr("file.reg:5: did you mean 'Software\\KvregTest\\A'"));
     Write(file, inA + "\"two\"=dword:3\n[HKEY_USERS\\X]\n");
-    const Outcome refused = Run({"import", file});
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_THAT(refused.errors, HasSubstr("file.reg:4: only HKEY_LOCAL_MACHINE can be imported, not 'HKEY_USERS'"));
+    Expect({"import", file}, 1, "", "file.reg:4: only HKEY_LOCAL_MACHINE can be imported, not 'HKEY_USERS'");
     EXPECT_EQ(Get("Software\\KvregTest\\A", "two"), "2\n");
 }
 

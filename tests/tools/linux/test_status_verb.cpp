@@ -38,18 +38,10 @@ class StatusVerb : public ToolTest {
     void Install() {
         prctl(PR_SET_NAME, "MonitoringAgent");
         fs::remove_all(monitoring);
-        fs::create_directories(monitoring / "bin" / "zipdata");
+        fs::create_directories(bin / "zipdata");
         fs::create_directories(monitoring / "logs");
-        for (const auto& [key, name, text] : std::initializer_list<std::array<std::u16string_view, 3>>{
-                 {agentKeyPath, u"CustomerName", u"c"},
-                 {agentKeyPath, u"RemoteOfficeName", u"o"},
-                 {serverInfoKeyPath, u"KVServerName", u"cs"},
-                 {serverInfoKeyPath, u"KVServerFlatName", u"cs"},
-                 {serverInfoKeyPath, u"KVServerIPAddress", u"192.0.2.1"},
-                 {serverInfoKeyPath, u"KVLastAccessName", u"cs"},
-                 {serverInfoKeyPath, u"KVServerSecurePort", u"8443"},
-                 {monitoringKeyPath, u"MonitoringAgentKey", u"LAB1"}})
-            Set(key, name, text);
+        Run({"setup", "--server", "https://cs:8443", "--ip", "192.0.2.1", "--customer", "c", "--office", "o"});
+        Set(monitoringKeyPath, u"MonitoringAgentKey", u"LAB1");
         Set(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
         Write(plan,
               R"({ "WorkFlows": [ { "interval": 1, "recordSetName": [ {}, {} ] } ],
@@ -62,7 +54,7 @@ class StatusVerb : public ToolTest {
         health.registration = "registered";
         health.lastFailure = "refused | twice";
         health.counts = {{"recordsWritten", 7}, {"recordsLost", 2}};
-        health.directory = (monitoring / "bin/").string();
+        health.directory = (bin / "").string();
         WriteHealth();
     }
 
@@ -89,12 +81,19 @@ class StatusVerb : public ToolTest {
     static fs::file_time_type TimeBefore(std::chrono::minutes age) { return fs::file_time_type::clock::now() - age; }
 
     void AddWaiting(const char* name, std::chrono::minutes age) const {
-        Write(monitoring / "bin" / name, "1234");
-        fs::last_write_time(monitoring / "bin" / name, TimeBefore(age));
+        Write(bin / name, "1234");
+        fs::last_write_time(bin / name, TimeBefore(age));
     }
     void AddZip(std::chrono::minutes age) const { AddWaiting("zipdata/a.zip", age); }
 
+    /// As a working agent does.
+    void Lock(platform::DirectoryLock& lock) const {
+        const std::u16string name = platform::WideFromUtf8(bin.string());
+        EXPECT_EQ(platform::Files().LockDirectory(name, u"", u"", lock), platform::error::success);
+    }
+
     const fs::path monitoring = folder / "monitoring";
+    const fs::path bin = monitoring / "bin";
     const fs::path status = monitoring / "logs/status.json";
     const fs::path plan = monitoring / "conf/queryconf.txt";
     const fs::path refusedPlan = monitoring / "conf/download/queryconf.txt.refused";
@@ -103,7 +102,7 @@ class StatusVerb : public ToolTest {
 
 TEST_F(StatusVerb, TellsPeopleAndPrograms) {
     Install();
-    Write(monitoring / "bin/data/a.txt", "12");
+    Write(bin / "data/a.txt", "12");
     const Outcome outcome = Run({"status"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
     for (const char* line :
@@ -121,7 +120,6 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 }
 
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
-    const std::string stopped = "collection is stopped since ";
     std::ofstream log;
     platform::DirectoryLock lock;
     const struct {
@@ -131,72 +129,59 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         std::string text;
         Words options = {};
     } rows[] = {
-        {"fine", [] {}, 0, "KVAGENT OK - LAB1 at https://cs:8443, no zip waits, last upload 3 minutes ago | zips=0;"},
-        {"a zip for 40 minutes", [&] { AddZip(40min); }, 1, "KVAGENT WARNING - the oldest of 1 zip has waited for 40"},
-        {"which is fine", [&] { AddZip(40min); }, 0, "KVAGENT OK", {"--warning-age", "60"}},
-        {"a zip for 7 hours", [&] { AddZip(420min); }, 2, "KVAGENT CRITICAL - the oldest of 1 zip has waited for 7 h"},
+        {"fine", [] {}, 0, "LAB1 at https://cs:8443, no zip waits, last upload 3 minutes ago | zips=0;"},
+        {"a zip for 40 minutes", [&] { AddZip(40min); }, 1, "the oldest of 1 zip has waited for 40"},
+        {"which is fine", [&] { AddZip(40min); }, 0, "", {"--warning-age", "60"}},
+        {"a zip for 7 hours", [&] { AddZip(420min); }, 2, "the oldest of 1 zip has waited for 7 h"},
+        {"a zip of tomorrow", [&] { AddZip(-24h); }, 1, "the zips are of a time in the future"},
         {"a record for 36 minutes", [&] { AddWaiting("data/a.txt", 36min); }, 1,
          "1 record has waited for 36 minutes to"},
-        {"and for 34", [&] { AddWaiting("data/a.txt", 34min); }, 0, "KVAGENT OK"},
-        {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
-        {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
+        {"and for 34", [&] { AddWaiting("data/a.txt", 34min); }, 0, ""},
+        {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "collection is stopped since "},
+        {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "the agent does not run: pro"},
         {"frozen", [&] { health.writeTime -= 960, WriteHealth(); }, 1, "the agent has told nothing of itself since "},
         {"never ran", [&] { fs::remove(status); }, 2, "does not run, and has not run here"},
-        {"copied", [&] { health.directory = folder.string(), WriteHealth(); }, 2,
-         "the agent does not run: status.json is a copy from the agent of " + folder.string()},
-        {"a link to it", [&] { health.directory = (monitoring / "logs/../bin").string(), WriteHealth(); }, 0, "OK"},
-        {"dead, and nobody asks for it", [&] { health.processId = DeadChild(), WriteHealth(); }, 2,
-         "has ended without a stop"},
+        {"copied", [&] { health.directory = "/x", WriteHealth(); }, 2, "status.json is a copy from the agent of /x"},
+        {"a link to it", [&] { health.directory = (monitoring / "logs/../bin").string(), WriteHealth(); }, 0, ""},
+        {"dead, and not asked for", [&] { health.processId = DeadChild(), WriteHealth(); }, 2, "ended without a stop"},
         {"another certificate", [&] { FailSending(1, 1, true); }, 2,
-         "CRITICAL - nothing reaches the server, last contact never: cs: refused"},
-        {"and the right one since", [&] { health.lastContactTime = GetNowSeconds(), FailSending(1, 1, true); }, 0,
-         "OK"},
-        {"no upload for ten minutes", [&] { FailSending(700, 5); }, 1, "KVAGENT WARNING - sending fails since 2"},
-        {"one lost packet", [&] { FailSending(700, 700); }, 0, "OK"},
-        {"no upload for five minutes", [&] { FailSending(300, 5); }, 0, "OK"},
-        {"a zip of tomorrow", [&] { AddZip(-24h); }, 1, "the zips are of a time in the future"},
+         "nothing reaches the server, last contact never: cs: refused"},
+        {"the right one since", [&] { health.lastContactTime = GetNowSeconds(), FailSending(1, 1, true); }, 0, ""},
+        {"no upload for ten minutes", [&] { FailSending(700, 5); }, 1, "sending fails since 2"},
+        {"one lost packet", [&] { FailSending(700, 700); }, 0, ""},
+        {"no upload for five minutes", [&] { FailSending(300, 5); }, 0, ""},
         {"ended in the console", [&] { health.isInConsole = true, health.processId = 1, WriteHealth(); }, 2,
          "process 1 in the console (/t) was ended after "},
         {"runs untold", [&] { fs::remove(status), log.open(monitoring / "logs/agent.log"); }, 3,
          "status.json is missing, although the agent runs"},
-        {"a file for the zips", [&] { fs::remove(monitoring / "bin/zipdata"), Write(monitoring / "bin/zipdata", ""); },
-         3, "zipdata cannot be looked at: it is not a directory"},
-        {"a refused plan", [&] { Write(refusedPlan, ""); }, 0, "KVAGENT OK"},
+        {"its folder is locked", [&] { fs::remove_all(monitoring / "logs"), Lock(lock); }, 3,
+         "status.json is missing, although the agent runs"},
+        {"a file for the zips", [&] { fs::remove(bin / "zipdata"), Write(bin / "zipdata", ""); }, 3,
+         "zipdata cannot be looked at: it is not a directory"},
+        {"a refused plan", [&] { Write(refusedPlan, ""); }, 0, ""},
         {"a newer one", [&] { Write(refusedPlan, ""), fs::last_write_time(plan, TimeBefore(2min)); }, 1,
-         "KVAGENT WARNING - a newer plan was refused"},
+         "a newer plan was refused"},
         {"no plan", [&] { fs::remove(plan); }, 1, "/queryconf.txt: it does not exist; the agent goes on with"},
-        {"a plan of which the agent runs a part",
-         [&] {
-             Write(
-                 plan,
-                 R"({ "WorkFlows": [ 5, { "interval": "5m" } ], "off": [ { "interval": 1, "recordSetName": [] } ] })");
-         },
-         1, "KVAGENT WARNING - 1 of 3 workflows run: kvagentctl check says why"},
+        {"a plan that runs in part",
+         [&] { Write(plan, R"({ "WorkFlows": [ 5, 6 ], "off": [ { "interval": 1, "recordSetName": [] } ] })"); }, 1,
+         "1 of 3 workflows run: kvagentctl check says why"},
         {"half a plan", [&] { Write(plan, "{ \"WorkFlows\": ["); }, 1, "in JSON: unexpected end"},
-        {"damage", [&] { Write(status, "{"); }, 3, "KVAGENT UNKNOWN - "},
-        {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CRITICAL - CustomerName is missing"},
+        {"damage", [&] { Write(status, "{"); }, 3, "status.json"},
+        {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CustomerName is missing"},
         {"a number", [] { Set(agentKeyPath, u"CustomerName", u"5", platform::RegistryType::dword); }, 2,
-         "CRITICAL - CustomerName has to be a text"},
-        {"no directory", [&] { fs::remove_all(monitoring / "bin"); }, 2,
-         "bin/ does not exist, so nothing is collected"},
+         "CustomerName has to be a text"},
+        {"no directory", [&] { fs::remove_all(bin); }, 2, "bin/ does not exist, so nothing is collected"},
         {"began without a plan", [&] { health.obstacle = "no plan", WriteHealth(); }, 2, "collected: no plan |"},
         {"a lost record", [&] { health.lostRecordTime = GetNowSeconds() - 3000, WriteHealth(); }, 1,
-         "WARNING - 2 records lost since the start of the agent, the last at "},
-        {"two hours ago", [&] { health.lostRecordTime = GetNowSeconds() - 7200, WriteHealth(); }, 0, "OK"},
-        {"runs untold, without its log",
-         [&] {
-             fs::remove_all(monitoring / "logs");
-             EXPECT_EQ(
-                 platform::Files().LockDirectory(platform::WideFromUtf8((monitoring / "bin").string()), u"", u"", lock),
-                 platform::error::success);
-         },
-         3, "status.json is missing, although the agent runs"},
+         "2 records lost since the start of the agent, the last at "},
+        {"two hours ago", [&] { health.lostRecordTime = GetNowSeconds() - 7200, WriteHealth(); }, 0, ""},
         {"no install directory", [] { Set(agentKeyPath, u"KVAgentInstallDir", u"/no/such/"); }, 2,
          "KVAgentInstallDir names a directory that does not exist"},
         {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 1,
-         "MonitoringAgentKey is missing, although"},
-        {"full", [] {}, 1, "KVAGENT WARNING - the disk has room for ", {"--warning-free", "1000000000"}},
+         "MonitoringAgentKey is missing, al"},
+        {"full", [] {}, 1, "the disk has room for ", {"--warning-free", "1000000000"}},
     };
+    constexpr const char* states[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
     static const std::regex line(
         "KVAGENT [A-Z]+ - [^|\n]+( \\|( [A-Za-z_]+=[0-9]+[sBc]?;([0-9]+:?)?;([0-9]+:?)?;0)+)?\n");
     for (const auto& [title, change, exitCode, text, options] : rows) {
@@ -207,6 +192,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         log.close();
         if (lock.directory != 0) platform::Files().CloseHandle(std::exchange(lock.directory, 0));
         EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output, StartsWith(std::string("KVAGENT ") + states[exitCode] + " - "));
         EXPECT_THAT(outcome.output, HasSubstr(text));
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;
     }
