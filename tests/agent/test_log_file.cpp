@@ -237,15 +237,13 @@ TEST_F(LogFile, KeepsTheLockOnEarlyReturnsWithoutBlockingLines) {
 }
 
 TEST_F(LogFile, DoesNotRotateWhileAnotherProcessWritesToTheLog) {
-    const auto openAsAnother = [&](platform::FileHandle& another) {
-        return platform::Files().CreateFileW(logState.gv_logPath, platform::FileAccess::append,
-                                             platform::FileShare::readWrite, platform::FileDisposition::openAlways,
-                                             another);
-    };
     StopLogging();
     Write(logs / "agent.log", std::string(1000001, 'x'));
     platform::FileHandle another = 0;
-    ASSERT_EQ(openAsAnother(another), platform::error::success);
+    ASSERT_EQ(
+        platform::Files().CreateFileW(logState.gv_logPath, platform::FileAccess::append, platform::FileShare::readWrite,
+                                      platform::FileDisposition::openAlways, another),
+        platform::error::success);
     RotateLogger(std::nullopt);
     EXPECT_TRUE(Logged("Another process writes to the log"));
     logState.gv_logMaxSize = 100;

@@ -146,13 +146,6 @@ int InstalledAgent::Wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-bool InstalledAgent::IsRunning() {
-    if (process_ == 0) return false;
-    if (waitpid(process_, nullptr, WNOHANG) == 0) return true;
-    process_ = 0;
-    return false;
-}
-
 void InstalledAgent::Kill() {
     if (process_ == 0) return;
     ::kill(process_, SIGKILL);

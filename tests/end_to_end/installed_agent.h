@@ -62,7 +62,6 @@ class InstalledAgent {
     void Start(std::initializer_list<const char*> arguments);
     /// Starts it and waits for its end; the exit code, or 128 plus the signal.
     int Run(std::initializer_list<const char*> arguments);
-    bool IsRunning();
     /// Sends SIGKILL and waits for the end.
     void Kill();
 
