@@ -133,13 +133,29 @@ struct ScriptOutput {
     bool isThere() const { return error != platform::error::fileNotFound && error != platform::error::pathNotFound; }
 };
 
+/// Why a shell could not make an output file, which only its own messages would tell.
+platform::Error WhyAbsent(const std::u16string& path) {
+    OpenFile probe;
+    const platform::Error error = probe.Open(path, platform::FileAccess::write, platform::FileShare::none,
+                                             platform::FileDisposition::createAlways);
+    if (error != platform::error::success) return error;
+    probe.Close();
+    platform::Files().DeleteFileW(path);
+    return error;
+}
+
 /// Turns what the script has printed by now into its record file. path is the record's without extension; the output is
-/// beside it as ".out" and is deleted. Without an output file there is no record file.
+/// beside it as ".out" and is deleted. Without an output file there is no record file, and it counts as lost if none
+/// can be made.
 void MakeRecordOfOutput(const std::u16string& path, const RecordIdentity& record,
                         platform::ScriptOutputEncoding encoding) {
     const ScriptOutput output(path + u".out");
-    if (!output.isThere()) return;
     const std::u16string file = path + u".txt";
+    if (!output.isThere()) {
+        if (const platform::Error error = WhyAbsent(output.path))
+            TellRecordOutcome("ExecuteScript", record, file, error);
+        return;
+    }
     platform::Error error = output.error;
     if (error == platform::error::success) error = WriteConverted(output.file.handle, path, encoding);
     const bool isNewLoss = TellRecordOutcome("ExecuteScript", record, file, error);
