@@ -1,6 +1,7 @@
 """The unchanged agent in a folder of its own, under the preloaded library shim.cpp, and the oath that nothing is lost."""
 
 import collections
+import contextlib
 import ctypes
 import json
 import mmap
@@ -35,6 +36,15 @@ printf '" } ] }'
 
 class Broken(Exception):
     """A promise that was seen broken."""
+
+
+@contextlib.contextmanager
+def during(tell):
+    """What is broken meanwhile says when."""
+    try:
+        yield
+    except Broken as broken:
+        raise Broken(f"{tell()}: {broken}") from broken
 
 
 class Control(ctypes.Structure):
@@ -206,8 +216,7 @@ class Agent:
 
     def status(self, name):
         """A number of /proc/PID/status."""
-        text = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        return int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1])
+        return int(re.search(rf"^{name}:\s+(\d+)", pathlib.Path(f"/proc/{self.process.pid}/status").read_text(), re.M)[1])
 
     def usage(self):
         """Resident MiB, descriptors and threads."""
@@ -250,11 +259,12 @@ class Agent:
                           f"a record and an upload {when}")
 
     def witnessed(self):
-        """Name -> the sha256s of the contents that it had when it was complete."""
+        """Name -> the sha256s of the contents that it had when it was complete; "" -> those of copies that a kill left
+        without a name, which may have been complete."""
         seen = {}
         for path in self.witness.iterdir():
-            if path.suffix != ".part":
-                seen.setdefault(path.name.rsplit(".", 2)[0], set()).add(digest(path.read_bytes()))
+            name = "" if path.suffix == ".part" else path.name.rsplit(".", 2)[0]
+            seen.setdefault(name, set()).add(digest(path.read_bytes()))
         return seen
 
     def waiting(self):
@@ -267,19 +277,20 @@ class Agent:
         return found
 
     def vouch(self):
-        """Sees that each complete record waits or has arrived, as it was, and under a number of its own; how many there
-        were, and how many came twice. The agent does not run meanwhile."""
+        """Sees that each complete record waits or has arrived, as it was, and under a number of its own, and no other; how
+        many there were, and how many came twice. The agent does not run meanwhile."""
         seen, waiting = self.witnessed(), self.waiting()
-        for name, contents in seen.items():
-            arrived = self.server.records.get(name, {})
-            if len(contents) > 1:
-                raise Broken(f"the number of {name} was used for {len(contents)} contents")
-            if not contents <= waiting.get(name, set()) | set(arrived):
-                raise Broken(f"{name} is lost: arrived {bool(arrived)}, waits {name in waiting}")
-        for name, contents in self.server.records.items():
-            if len(contents) > 1:
-                raise Broken(f"{name} arrived with {len(contents)} contents")
-        return collections.Counter(records=len(seen), twice=sum(sum(copies.values()) > 1 for copies in self.server.records.values()))
+        unnamed = seen.pop("", set())
+        for name in seen.keys() | self.server.records.keys():
+            complete, arrived = seen.get(name, set()), set(self.server.records.get(name, ()))
+            if len(complete | arrived) > 1:
+                raise Broken(f"{name} was complete with {len(complete)} contents and arrived with {len(arrived)}")
+            if not arrived <= complete | unnamed:
+                raise Broken(f"{name} has arrived, and was never complete")
+            if not complete <= arrived | waiting.get(name, set()):
+                raise Broken(f"{name} is lost: it has not arrived, and {len(waiting.get(name, ()))} others wait")
+        twice = sum(contents.total() > 1 for contents in self.server.records.values())
+        return collections.Counter(records=len(seen), twice=twice)
 
     def settle(self, patience=60):
         """Runs it on an honest server and a healthy disk until nothing waits, and vouches."""

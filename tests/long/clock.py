@@ -27,9 +27,6 @@ class Watch(Agent):
     def goes_on(self, what):
         self.worst = max(self.worst, super().goes_on(f"after {what}") / MINUTE)
 
-    def set_to(self, moment):
-        self.control.turn(moment - self.control.wall())
-
     def steps(self):
         self.start()
         self.goes_on("a start")
@@ -44,13 +41,13 @@ class Watch(Agent):
 
     def moments(self):
         for name, moment in MOMENTS.items():
-            self.set_to(moment - MINUTE)
+            self.control.turn(moment - MINUTE - self.control.wall())
             self.start()
             self.goes_on(f"a start before {name}")
             self.until(lambda: self.control.wall() > moment + MINUTE, "the moment")
             self.goes_on(name)
             self.kill()
-        self.set_to(time.time())
+        self.control.turn(time.time() - self.control.wall())
 
     def sleep(self):
         """Stopped by a signal; then suspended for hours, in which the monotonic clock stands still."""
@@ -79,7 +76,7 @@ def run(seed, quick, folder):
         watch.vouch()
     totals = watch.settle()
     return [
-        f"{len(STEPS)} steps of the clock by 1 second to 30 years, back and forth, with starts before the times of its own files; "
+        f"{len(STEPS)} steps of the clock by 1 second to 30 years, back and forth, and starts before the times of its files; "
         f"{len(MOMENTS)} moments run through ({', '.join(MOMENTS)}); SIGSTOP, and sleep of 1 hour, 8 hours and 20 days",
         f"a record and an upload came after each within {watch.worst:.1f} minutes of its clock (the plan has one a minute); "
         f"{totals['records']} records, 0 lost, {totals['twice']} came twice"]

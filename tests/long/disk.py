@@ -12,7 +12,7 @@ import subprocess
 import time
 
 from agent import (CHANGES, FAIL, MAKES_FOLDER, OPENS, READS, RENAMES, SECOND, SLOW, SYNCS, UNLINKS, WRITE_HALF, WRITES,
-                   Agent, Broken)
+                   Agent, Broken, during)
 from kill import BIG, plan_number
 from server import AGENT_KEY
 
@@ -137,11 +137,9 @@ class Tree(Agent):
 
     def check(self):
         self.process.send_signal(signal.SIGSTOP)
-        try:
-            self.check_plan()
-            self.vouch()
-        finally:
-            self.process.send_signal(signal.SIGCONT)
+        self.check_plan()
+        self.vouch()
+        self.process.send_signal(signal.SIGCONT)
 
 
 def run(seed, quick, folder):
@@ -153,10 +151,8 @@ def run(seed, quick, folder):
         tree = Tree(folder / f"disk-{start}", has_fuse and start // ROUNDS_OF_A_TREE % 2 == 0)
         for number in range(start, min(start + ROUNDS_OF_A_TREE, rounds)):
             name = list(FAULTS)[number % len(FAULTS)]
-            try:
+            with during(lambda: f"round {number}, {name}"):
                 tree.round(FAULTS[name], chance)
-            except Broken as broken:
-                raise Broken(f"round {number}, {name}: {broken}")
         totals += tree.settle()
         tree.disk.close()
         tree.remove()
@@ -165,5 +161,5 @@ def run(seed, quick, folder):
         "full, without inodes and read-only from the start are a real file system of 6 MiB; "
         f"{'half of the slow ones are a real one of FUSE; ' if has_fuse else ''}"
         "the others, quota, half a write and EIO come from the preloaded library, operation by operation",
-        f"the agent lived and went on by itself in each; {totals['records']} records were complete, 0 lost; {totals['twice']} came "
-        "twice; plan and registry were old or new"]
+        f"the agent lived and went on by itself in each; {totals['records']} records were complete, 0 lost, {totals['twice']} "
+        "came twice; plan and registry were old or new"]

@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
-"""The long gate: drills of the unchanged programs, an hour at most on two cores. `./test --long` builds and runs it.
+"""The long gate: drills of the unchanged programs, two at a time, an hour at most on two cores; `./test --long` runs it.
 
-  gate.py [DRILL...] [--seed N] [--quick] [--docs]
-
-Without a DRILL all are run, two at a time. --seed repeats a run; --quick does a twentieth of each. The report goes to
-build/long/report.md, and with --docs into docs/reliability.md, too. The exit code is 0 if no promise was broken.
+The report goes to build/long/report.md. The exit code is 0 if no promise was broken.
 """
 
 import argparse
@@ -16,6 +13,7 @@ import json
 import os
 import pathlib
 import platform
+import re
 import shutil
 import signal
 import subprocess
@@ -65,9 +63,7 @@ def run_apart(name, options):
     """Runs a drill in a process group of its own, and ends whatever it leaves behind; its result, with the seconds it took."""
     start = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="kvlong-", ignore_cleanup_errors=True) as folder:
-        command = [sys.executable, __file__, name, "--seed", str(options.seed), "--alone", folder]
-        if options.quick:
-            command.append("--quick")
+        command = [sys.executable, __file__, name, "--seed", str(options.seed), "--alone", folder, *["--quick"] * options.quick]
         if name in MOUNTS:
             command = ["unshare", "--mount", *([] if os.geteuid() == 0 else ["--user", "--map-root-user"]), *command]
         running[name] = subprocess.Popen(command, stdin=subprocess.DEVNULL, start_new_session=True)
@@ -101,9 +97,8 @@ def report(results, options, seconds):
 
 def put_into_docs(text):
     page = ROOT / "docs/reliability.md"
-    before, _, rest = page.read_text().partition("<!-- report -->\n")
-    _, _, after = rest.partition("<!-- end of the report -->")
-    page.write_text(f"{before}<!-- report -->\n{text}<!-- end of the report -->{after}")
+    place = re.compile("(<!-- report -->\n).*(<!-- end of the report -->)", re.S)
+    page.write_text(place.sub(lambda marks: marks[1] + text + marks[2], page.read_text()))
     if (OUTPUT / "soak.svg").exists():
         shutil.copy(OUTPUT / "soak.svg", ROOT / "docs/soak.svg")
 

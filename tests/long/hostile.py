@@ -13,8 +13,8 @@ import time
 
 import hostile_inputs as inputs
 import snmp_device
-from agent import KEPT, Agent, Broken, plan, script, workflow
-from server import AGENT_KEY, answer, digest, download
+from agent import KEPT, Agent, Broken, during, plan, script, workflow
+from server import answer, digest, download
 
 PEAK = 512  # MiB that the agent may reach
 ELSEWHERE = [pathlib.Path(place) / inputs.MARK for place in ("/", "/tmp", "/dev/shm")]
@@ -31,8 +31,8 @@ OWN_VALUES = re.compile(r'"(RequestAvailable|RequestID|MALastCreated\w+|KVLastAc
 class World(Agent):
     """The agent, and the files around it."""
 
-    def __init__(self, root, rate=120):
-        super().__init__(root / "opt/kestrova", rate)
+    def __init__(self, root):
+        super().__init__(root / "opt/kestrova")
         self.root, self.input, self.peaks = root, "the start", {}
         self.other_server = socket.create_server(("127.0.0.1", 0))
         self.other_server.setblocking(False)
@@ -121,12 +121,6 @@ class World(Agent):
         for _ in range(2):
             self.goes_on("by a good plan")
 
-    def begin(self):
-        self.start()
-        self.rest()
-        self.before = self.least_usage()
-        self.note_peak("an honest server")
-
     def finish(self, batch):
         """What is true after a batch."""
         self.input = f"the {batch}, the last of them {self.input}"
@@ -160,7 +154,7 @@ def send_plans(world, rows):
     for row in rows:
         world.plans += row[2:]
         send_archives(world, [row])
-        world.virtual(15)
+        world.virtual(30)
 
 
 def feed(world, kinds, rows):
@@ -193,26 +187,13 @@ def send_answers(world, rows):
     world.ask_until(lambda: not any(waiting.values()), "the last answer", *[download(path)] * len(rows))
 
 
-def send_registrations(world, rows):
-    """Starts the agent for each that it takes for an answer."""
-    waiting = feed(world, ["register"], rows)["register"]
-    while left := len(waiting):
-        world.kill()
-        world.start()
-        world.until(lambda: len(waiting) < left, "a registration")
-        world.virtual(12)
-        if (key := world.setting("Monitoring", "MonitoringAgentKey")) != AGENT_KEY:
-            raise Broken(f"the agent's key is {key}")
-    world.kill()
-    world.begin()
-
-
 def device_plan(device, numbers):
     """A plan that asks for these cases, half of them by a walk."""
     def record(number):
         is_walk = "walk" in device.rows[number][0] or number % 2 == 0
         return {"PROTOCOL": "P", "OID": snmp_device.oid(number) + ("" if is_walk else ".0"), "DEVICE_NAME": "127.0.0.1",
-                "SNMP_PORT": str(device.port), "SNMP_VERSION": "v2c" if number % 3 else "v1", "COMMUNITY": "public", "POLL_ID": f"case {number}", "IS_MULTIPLE_POLLED_DATA": str(is_walk)}
+                "SNMP_PORT": str(device.port), "SNMP_VERSION": "v2c" if number % 3 else "v1", "COMMUNITY": "public",
+                "POLL_ID": f"case {number}", "IS_MULTIPLE_POLLED_DATA": str(is_walk)}
     return plan(workflow("devices", [record(number) for number in numbers], 60))
 
 
@@ -233,32 +214,20 @@ def send_datagrams(device, world, numbers):
     world.ask_until(all_recorded, "a record of each poll", download(world.server.offer_plan(world.plans[-1])))
 
 
-def walk_without_end(folder):
-    """Long values of a device that never comes to an end; the MiB that the agent reached. On a slower clock, because all of
-    it has to be uploaded within the time for an answer."""
-    agent = World(folder / "walk", 6)
-    agent.write_plan(device_plan(snmp_device.Device([snmp_device.ENDLESS]), [0]))
-    agent.start()
-    agent.until(lambda: agent.server.records, "the record of a walk without end")
-    agent.note_peak("a walk without end")
-    agent.until(lambda: agent.usage()[0] < 2 * KEPT[0], "the return of its memory")
-    agent.kill()
-    agent.vouch()
-    return agent.peaks
-
-
 def run_batches(world, seed, quick):
     """How many inputs each batch had."""
     chance, counts = random.Random(seed), {}
     device = snmp_device.Device(snmp_device.cases(chance))
-    world.begin()
+    world.start()
+    world.rest()
+    world.before = world.least_usage()
+    world.note_peak("an honest server")
     for batch, rows, send in (
             ("archives", inputs.archives(chance, world.root, world.new_plan), send_archives),
             ("plans", inputs.plans(chance, world.root, device.port), send_plans),
             ("lists", inputs.lists(chance, world.root, world.other_server.getsockname()[1], world.server.offer), send_lists),
             ("answers", inputs.answers(chance), send_answers),
-            ("datagrams", range(len(device.rows)), functools.partial(send_datagrams, device)),
-            ("registrations", inputs.registrations(), send_registrations)):
+            ("datagrams", range(len(device.rows)), functools.partial(send_datagrams, device))):
         rows = rows[seed % 20::20] if quick else rows
         counts[batch] = len(rows)
         for at in range(0, len(rows), 50):
@@ -269,16 +238,13 @@ def run_batches(world, seed, quick):
 
 def run(seed, quick, folder):
     world = World(folder / "world")
-    try:
+    with during(lambda: f"after {world.input}"):
         counts = run_batches(world, seed, quick)
-    except Broken as broken:
-        raise Broken(f"after {world.input}: {broken}") from broken
     totals = world.settle(180)
-    peaks = world.peaks if quick else world.peaks | walk_without_end(folder)
     return [
         f"{sum(counts.values())} inputs: " + ", ".join(f"{count} {batch}" for batch, count in counts.items()) +
         " (each answer to three kinds of request).",
         f"None of {len(world.files)} files and folders around the agent changed, and no value of the registry but its own.",
-        "The most MiB of the agent: " + ", ".join(f"{batch} {peak:.0f}" for batch, peak in peaks.items()) +
+        "The most MiB of the agent: " + ", ".join(f"{batch} {peak:.0f}" for batch, peak in world.peaks.items()) +
         f"; {world.before[0]:.0f} at rest, at most {KEPT[0]} more after each batch.",
         f"{totals['records']} records were complete, and all arrived; {totals['twice']} came twice."]

@@ -7,7 +7,7 @@ import contextlib
 import random
 import subprocess
 
-from agent import CHANGES, KILL_AFTER, KILL_BEFORE, OPENS, RENAMES, UNLINKS, Agent, Broken, plan, script, workflow
+from agent import CHANGES, KILL_AFTER, KILL_BEFORE, OPENS, RENAMES, UNLINKS, Agent, Broken, during, plan, script, workflow
 from server import answer, test_monitor
 
 ROUNDS = 1000
@@ -86,10 +86,8 @@ def run(seed, quick, folder):
                 tree = Tree(folder / f"kill-{lane}-{round_}", f"{seed}/{lane}/{round_}")
             event = tree.random.choice(("nothing", "nothing", "plan", "request", "stop"))
             operation = None if round_ % 2 else (lane + round_ // 2 * LANES) % REACH
-            try:
+            with during(lambda: f"lane {lane}, round {round_}, at {event}, operation {operation}"):
                 totals.update(["rounds", event, *["operation"] * tree.round(event, operation)])
-            except Broken as broken:
-                raise Broken(f"lane {lane}, round {round_}, at {event}, operation {operation}: {broken}")
             if round_ % ROUNDS_OF_A_TREE == ROUNDS_OF_A_TREE - 1 or round_ == rounds - 1:
                 totals += tree.settle()
                 tree.remove()
@@ -100,7 +98,7 @@ def run(seed, quick, folder):
     if totals["operation"] < totals["rounds"] // 10 or totals["records"] < totals["rounds"]:
         raise Broken(f"it struck too seldom to mean anything: {totals}")
     return [
-        f"{totals['rounds']} rounds of SIGKILL: {totals['operation']} at a chosen file operation, the others at a random moment; "
+        f"{totals['rounds']} rounds of SIGKILL: {totals['operation']} at a chosen file operation, the others at random; "
         f"{totals['plan']} while a new plan came, {totals['request']} while a request was served, {totals['stop']} in a stop",
         f"{totals['records']} records were complete: 0 lost, 0 overwritten, no number used for two contents; "
         f"{totals['twice']} came twice (a server that takes an upload and loses its answer is among the rounds)"]

@@ -67,9 +67,6 @@ class Request:
     def reset(self):
         """Ends the connection by RST, as a machine that lost its memory does."""
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.close()
-
-    def close(self):
         self.stream.close()
         self.connection.close()
 
@@ -176,7 +173,8 @@ class Server:
         """The honest answer, with what it does to the server."""
         body = request.body
         if request.kind == "register":
-            return answer(headers=(("timeDiff", 0), ("AgentKey", AGENT_KEY), ("AgentRun", 1), ("SNMPTimeout", self.snmp_timeout)))
+            fields = {"timeDiff": 0, "AgentKey": AGENT_KEY, "AgentRun": 1, "SNMPTimeout": self.snmp_timeout}
+            return answer(headers=fields.items())
         if request.kind == "upload":
             return answer() if self.accept(request) else answer(400, reason="Bad Request")
         if request.kind == "list":

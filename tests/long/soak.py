@@ -34,7 +34,8 @@ RUNS_A_DAY = DAY / 60 * (1 / 20 + 1 / 40 + 1 / 60 + 7 / 30)
 
 class Soak(Agent):
     def __init__(self, folder):
-        super().__init__(folder, RATE, {"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 4}, "Monitoring": {"writeInterval": 300}})
+        settings = {"": {"LoggerMaxSize": 100000, "LoggerMaxFiles": 4}, "Monitoring": {"writeInterval": 300}}
+        super().__init__(folder, RATE, settings)
         self.device = Device([HONEST] * 2)
         self.server.snmp_timeout = RATE  # a second of the device's clock
         self.server.fault, self.is_out, self.struck = self.outage, False, 0
@@ -97,10 +98,10 @@ def plot(midnights):
 <text x="50" y="{bottom}" text-anchor="end">0</text><text x="50" y="{bottom - 64}" text-anchor="end">{high:.0f}</text>
 <polyline points="{points}" fill="none" stroke="#1f6feb" stroke-width="1.5"/>
 """
-    days = "".join(f'<text x="{56 + day * step:.0f}" y="{bottom + 16}">{day + 1}</text>\n' for day in range(0, len(midnights), 5))
-    return f"""<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {bottom + 24}" font-size="11" font-family="sans-serif"
- role="img" aria-label="What the agent held at each midnight of thirty days"><rect width="100%" height="100%" fill="#fff"/>
-{drawn}{days}<text x="704" y="{bottom + 16}" text-anchor="end">day</text>
+    days = "".join(f'<text x="{56 + day * step:.0f}" y="{bottom + 16}">{day + 1}</text>' for day in range(0, len(midnights), 5))
+    return f"""<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {bottom + 24}" font-size="11"
+ font-family="sans-serif" role="img" aria-label="What the agent held at each midnight">
+<rect width="100%" height="100%" fill="#fff"/>{drawn}{days}<text x="704" y="{bottom + 16}" text-anchor="end">day</text>
 </svg>
 """
 
@@ -120,8 +121,7 @@ def run(seed, quick, folder):
     return [
         f"{days} days of the agent's clock at {RATE} times its pace: ten workflows, a new plan each day, a server that is away "
         f"for three hours each night ({soak.struck} requests failed), logs of 100 kB that rotate",
-        f"{totals['records']} records were complete: 0 lost; {RUNS_A_DAY * days:.0f} runs were due, and {totals['twice']} records "
-        "came twice, because a millisecond of this machine is two seconds of that clock: runs begin late, and some answers come "
-        "too late",
+        f"{totals['records']} records were complete: 0 lost; {RUNS_A_DAY * days:.0f} were due, {totals['twice']} came twice, "
+        "because a millisecond of this machine is two seconds of that clock: runs and answers come late",
         "at the midnights, least to most: " + ", ".join(f"{name} {min(values):.0f} to {max(values):.0f}"
                                                         for name, values in zip(MEASURES, zip(*soak.midnights)))]
