@@ -114,7 +114,7 @@ class Tree(Agent):
         if self.disk.delay:
             self.disk.wait(seconds)
         else:
-            self.control.strike(SLOW, seconds * SECOND, per_million=300_000, kinds=CHANGES | READS)
+            self.control.strike(SLOW, int(seconds * SECOND), per_million=300_000, kinds=CHANGES | READS)
 
     def round(self, fault, chance):
         """The fault for up to four minutes of the agent's clock, which one in ten times is stopped in the midst of it."""

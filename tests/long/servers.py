@@ -287,6 +287,6 @@ def run(seed, quick, folder):
         f"{walk / MINUTE:.0f} virtual minutes {walked} times; {stops} times collection stopped, and went on.",
         f"{totals['records']} complete records: none lost, {totals['twice']} came twice.",
         f"From an honest server to uploads, an answer and a plan: {statistics.median(target.recoveries):.0f} virtual seconds "
-        f"in the middle, {max(target.recoveries):.0f} at most (bound: {BOUND} for each).",
+        f"in the middle, {max(target.recoveries):.0f} at most (bound: {BOUND} for each, on a machine of its own).",
         f"Memory after a fault: {memory[0]:.0f} MB with an honest server, {max(memory):.0f} MB at most; descriptors and "
         f"threads came back to {target.usages[0][1]} and {target.usages[0][2]}."]
