@@ -7,7 +7,6 @@
 #include <set>
 #include <sstream>
 
-#include "foundation/registry_store.h"
 #include "tests/end_to_end/boxed_system.h"
 #include "tests/support/test_agent.h"
 
@@ -84,17 +83,6 @@ class Service : public ::testing::Test {
     std::string LastStatus() const { return test::LastStatus(agent.database); }
     bool Logged(const char* text) const { return agent.ReadLog().find(text) != std::string::npos; }
 
-    /// The numbers of the records that wait.
-    std::set<int> RecordNumbers() const {
-        std::set<int> numbers;
-        if (!fs::exists(agent.data)) return numbers;
-        for (const auto& entry : fs::directory_iterator(agent.data)) {
-            const std::string name = entry.path().stem();
-            if (entry.path().extension() == ".txt") numbers.insert(std::atoi(name.c_str() + name.rfind('_') + 1));
-        }
-        return numbers;
-    }
-
     InstalledAgent agent;
     BoxedSystem box{agent.folder};
     fs::path errors = agent.folder / "errors.txt";
@@ -112,7 +100,8 @@ TEST_F(Service, WorksFromItsInstallationToItsRemoval) {
     EXPECT_EQ(ShowProperty("ActiveState"), "active");
     const std::string running = "LAB1 at 127.0.0.1:8080, no upload yet";
     EXPECT_TRUE(Becomes("StatusText", running));
-    ASSERT_TRUE(InstalledAgent::Eventually([&] { return RecordNumbers().size() == 1; })) << agent.ReadLog();
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return fs::exists(agent.data / "Agent_LAB1_2.txt"); }))
+        << agent.ReadLog();
 
     Systemctl("kill --kill-whom=main -s USR1");
     EXPECT_TRUE(Becomes("StatusText", "Paused: collection goes on"));
@@ -129,9 +118,6 @@ TEST_F(Service, WorksFromItsInstallationToItsRemoval) {
     Systemctl("stop");
     EXPECT_EQ(ShowProperty("ActiveState"), "inactive");
     EXPECT_EQ(LastStatus(), "AGENT_DOWN");
-    std::uint32_t number = 0;
-    GetMALastCreatedJSONNum(number);
-    EXPECT_EQ(number, *RecordNumbers().rbegin());
     EXPECT_TRUE(Logged("LOGGING STOPPED"));
 }
 
@@ -161,21 +147,6 @@ TEST_F(Service, TellsTheServerOfAPowerOff) {
     RunInBox("systemctl poweroff");
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return !box.IsRunning(); }, 60000)) << box.ReadLog();
     EXPECT_EQ(LastStatus(), "DEVICE_DOWN") << agent.ReadLog();
-}
-
-TEST_F(Service, IsRestartedTwiceAfterKills) {
-    UseProgram(KV_AGENT_PROGRAM);
-    RunInBox("printf '[Service]\\nRestartSec=100ms\\n' >" + unitFile + ".d/hurry.conf");
-    InstallAndStart();
-    for (const std::size_t records : {1U, 2U, 3U}) {
-        ASSERT_TRUE(InstalledAgent::Eventually([&] { return RecordNumbers().size() == records; })) << agent.ReadLog();
-        Systemctl("kill --kill-whom=main -s KILL");
-    }
-    EXPECT_TRUE(Becomes("ActiveState", "failed"));
-    EXPECT_EQ(RecordNumbers(), (std::set<int>{2, 3, 4}));
-    Systemctl("reset-failed");
-    for (int times = 0; times < 5; ++times) Systemctl("restart");
-    EXPECT_EQ(ShowProperty("ActiveState"), "active");
 }
 
 TEST_F(Service, StopsACollectionWithItsScripts) {
