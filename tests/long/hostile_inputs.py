@@ -65,7 +65,7 @@ def climbs(world):
 def commands(world):
     """What runs a program elsewhere, or seems to."""
     tool = "opt/other/tool"
-    return (f"{world}/{tool}", "../" * 8 + tool, ("../" * 8 + tool).replace("/", "\\"), f"\n{world}/{tool}",
+    return (f"{world}/{tool}", "../" * 6 + tool, ("../" * 6 + tool).replace("/", "\\"), f"\n{world}/{tool}",
             f"&& {world}/{tool}", f"; touch {world}/{MARK}", f"$(touch {world}/{MARK})", f"`touch {world}/{MARK}`",
             f"| tee {world}/{MARK}", f"> {world}/{MARK}", f"id.sh; touch {world}/{MARK}")
 
