@@ -16,25 +16,32 @@ namespace {
 using ::testing::HasSubstr;
 
 TEST(Units, AreKnownByNameAndOid) {
-    const std::tuple<const char*, double, const char*> rows[] = {
-        {"/ FreeSpace", 75.66e9, "75.7 GB"},
-        {"FreePhysicalMemory", 2e6, "2.0 GB"},
-        {"Memory AvailableKB", 1, "1.0 kB"},
-        {"_Total PercentProcessorTime", 12.34, "12.3 %"},
-        {"eth0 Speed", 1e9, "1.0 Gbit/s"},
-        {"eth0 BytesTotalPersec", 1500, "1.5 kB/s"},
-        {"SystemUpTime", 93784, "26 h 3 min"},
-        {"anna Quota", 1234567, "1,234,567"},
-        {"anna Quota", -0.00012, "-0.00012"},
-        {"anna Quota", 1e300, "1e+300"},
-        {".1.3.6.1.2.1.1.3.0", 11215900, "31 h 9 min"},
-        {".1.3.6.1.2.1.25.3.3.1.2.196608", 7, "7 %"},
-        {".1.3.6.1.2.1.2.2.1.1", 7, "7"},
+    using enum Course;
+    const std::tuple<const char*, double, const char*, Course> rows[] = {
+        {"/ FreeSpace", 75.66e9, "75.7 GB", moves},
+        {"FreePhysicalMemory", 2e6, "2.0 GB", moves},
+        {"Memory AvailableKB", 1, "1.0 kB", moves},
+        {"_Total PercentProcessorTime", 12.34, "12.3 %", moves},
+        {"lab WorkingSetSize", 1e6, "1.0 MB", moves},
+        {"eth0 Speed", 1e9, "1.0 Gbit/s", stands},
+        {"eth0 BytesTotalPersec", 1500, "1.5 kB/s", moves},
+        {"SystemUpTime", 93784, "26 h 3 min", unknown},
+        {"/ Size", 1e12, "1.0 TB", stands},
+        {"SwapTotalKB", 1e6, "1.0 GB", stands},
+        {"lab ProcessId", 12, "12", stands},
+        {"anna Quota", 1234567, "1,234,567", unknown},
+        {"anna Quota", -0.00012, "-0.00012", unknown},
+        {"anna Quota", 1e300, "1e+300", unknown},
+        {".1.3.6.1.2.1.1.3.0", 11215900, "31 h 9 min", unknown},
+        {".1.3.6.1.2.1.25.3.3.1.2.196608", 7, "7 %", moves},
+        {".1.3.6.1.2.1.2.2.1.1", 7, "7", stands},
     };
-    for (const auto& [member, number, text] : rows) {
+    for (const auto& [member, number, text, course] : rows) {
         const Meaning meaning = MeaningOf(member);
         EXPECT_EQ(ValueText(number * meaning.factor, meaning.unit), text) << member;
+        EXPECT_EQ(UsualCourse(member), course) << member;
     }
+    EXPECT_EQ(UsualCourse(".1.3.6.1.2.1.2.2.1.10.2"), moves);
     EXPECT_EQ(MemberTitle(".1.3.6.1.2.1.2.2.1.10.2"), "ifInOctets 2");
     EXPECT_EQ(MeaningOf(".1.3.6.1.2.1.2.2.1.10.2").kind, ValueKind::counter);
     EXPECT_EQ(SplitMember("eth 0 Speed #2").property, "Speed");
@@ -53,21 +60,6 @@ TEST(Units, TellNumbersApart) {
     for (const auto& [unit, numbers, texts] : rows) EXPECT_EQ(DistinctTexts(numbers, unit, ValueText), texts);
     const std::vector<std::string> steps{"0 %", "0.5 %", "1 %", "1.5 %"};
     EXPECT_EQ(DistinctTexts({0, 0.5, 1, 1.5}, Unit::percent, AxisText), steps);
-}
-
-TEST(Units, TellWhatUsuallyMoves) {
-    const std::pair<const char*, Course> rows[] = {
-        {"_Total PercentProcessorTime", Course::moves},
-        {"/ FreeSpace", Course::moves},
-        {".1.3.6.1.2.1.2.2.1.10.2", Course::moves},
-        {"lab WorkingSetSize", Course::moves},
-        {"anna Quota", Course::unknown},
-        {"/ Size", Course::stands},
-        {"SwapTotalKB", Course::stands},
-        {".1.3.6.1.2.1.2.2.1.1.2", Course::stands},
-        {"lab ProcessId", Course::stands},
-    };
-    for (const auto& [member, course] : rows) EXPECT_EQ(UsualCourse(member), course) << member;
 }
 
 class Values : public LabOnEach {

@@ -1,4 +1,5 @@
 // The contract of the file operations.
+#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -123,6 +124,14 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
         Files().CloseHandle(file);
     }
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
+}
+
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    const std::jthread asker([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) Files().GetFileUseState(u"f");
+    });
+    for (int round = 0; round < 500; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    EXPECT_EQ(fs::file_size("f"), 500U);
 }
 
 TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {

@@ -1,8 +1,6 @@
 // Files on Linux.
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
-#include <vector>
 
 #include "platform/process.h"
 #include "tests/platform/files_test.h"
@@ -81,16 +79,6 @@ TEST_F(FilesTest, AFileIsInUseWhileAnotherProcessHasItOpenForWriting) {
     EXPECT_EQ(Processes().WaitForSingleObject(writer, 10'000), error::success);
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
     Processes().CloseProcess(writer);
-}
-
-TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    std::vector<std::jthread> askers;
-    for (int count = 0; count < 3; ++count)
-        askers.emplace_back([](const std::stop_token& stop) {
-            while (!stop.stop_requested()) Files().GetFileUseState(u"f");
-        });
-    for (int round = 0; round < 3000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
-    EXPECT_EQ(fs::file_size("f"), 3000U);
 }
 
 }  // namespace

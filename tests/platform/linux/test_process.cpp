@@ -8,9 +8,7 @@
 #include <unistd.h>
 
 #include "platform/clock.h"
-#include "platform/process.h"
-#include "platform/utf.h"
-#include "tests/support/test_folder.h"
+#include "tests/platform/process_test.h"
 
 namespace platform::test {
 
@@ -18,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class ProcessTest : public kv::test::TestFolder {
+class ProcessTest : public ProcessTestBase {
   protected:
     ProcessTest() { mkfifo("id", 0600); }
     ~ProcessTest() override { EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped"; }
@@ -29,19 +27,9 @@ class ProcessTest : public kv::test::TestFolder {
         if (executable) fs::permissions(path, fs::perms::owner_all);
     }
 
-    static ScriptCommand Command(std::u16string_view name, std::u16string_view arguments) {
-        return {u"", u"conf dir\\it's\\" + std::u16string(name), std::u16string(arguments), u"out $dir\\o'ut"};
-    }
-
-    /// Runs a line to its end; its exit code, or -1 if it did not start or end.
-    static int Run(std::u16string_view line) {
-        ProcessHandle process = 0;
-        if (Processes().CreateProcessW(line, u"", process) != 0) return -1;
-        std::uint32_t code = 0;
-        const bool ended =
-            Processes().WaitForSingleObject(process, 20'000) == 0 && Processes().GetExitCodeProcess(process, code) == 0;
-        Processes().CloseProcess(process);
-        return ended ? static_cast<int>(code) : -1;
+    static std::uint32_t RunScript(std::u16string_view name, std::u16string_view arguments) {
+        return Run(Processes().ComposeScriptLine(
+            {u"", u"conf dir\\it's\\" + std::u16string(name), std::u16string(arguments), u"out $dir\\o'ut"}));
     }
 
     /// The process id that a child writes into the pipe "id".
@@ -73,16 +61,15 @@ TEST_F(ProcessTest, ArgumentsReachTheScriptUnchanged) {
     };
     for (const auto& [title, arguments, expected] : rows) {
         fs::remove("out $dir/o'ut");
-        EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"show.sh", arguments))), 0) << title;
+        EXPECT_EQ(RunScript(u"show.sh", arguments), 0U) << title;
         EXPECT_EQ(Read("out $dir/o'ut"), expected) << title;
     }
     EXPECT_FALSE(fs::exists("bad"));
-    Run(Processes().ComposeScriptLine(Command(u"show.sh", u"more")));
+    RunScript(u"show.sh", u"more");
     EXPECT_TRUE(Read("out $dir/o'ut").ends_with("[more]\n")) << "appended";
     Script("plain.sh", "exit 5\n", false);
-    EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"plain.sh", u""))), 5)
-        << "neither executable nor with an interpreter";
-    EXPECT_EQ(Run(Processes().ComposeScriptLine({u"cscript.exe //U", u"x.vbs", u"a", {}})), 127)
+    EXPECT_EQ(RunScript(u"plain.sh", u""), 5U) << "neither executable nor with an interpreter";
+    EXPECT_EQ(Run(Processes().ComposeScriptLine({u"cscript.exe //U", u"x.vbs", u"a", {}})), 127U)
         << "the host is missing";
 }
 
@@ -90,7 +77,7 @@ TEST_F(ProcessTest, AChildInheritsNothing) {
     const int open = ::open("/dev/null", O_RDONLY);  // deliberately stays open at exec
     std::signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(Run(u"exec >state; ls /proc/self/fd; grep -E 'Sig(Blk|Ign)' /proc/self/status; cat; pwd; ls -l nofile"),
-              2);
+              2U);
     close(open);
     EXPECT_EQ(Read("state"),
               "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + work.string() + "\n");
@@ -114,17 +101,14 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     for (const auto& [title, line] : rows) {
         const pid_t starter = fork();
         if (starter == 0) {
-            ProcessHandle process = 0;
-            Processes().CreateProcessW(line, u"", process);
-            for (;;) pause();
+            for (Start(line);;) pause();
         }
         const pid_t orphan = AwaitId();
         kill(starter, SIGKILL);
         waitpid(starter, nullptr, 0);
         EXPECT_TRUE(EndsSoon(orphan)) << title << ": its starter was killed";
 
-        ProcessHandle process = 0;
-        ASSERT_EQ(Processes().CreateProcessW(line, u"", process), error::success) << title;
+        const ProcessHandle process = Start(line);
         const pid_t survivor = AwaitId();
         std::uint32_t code = 0;
         EXPECT_EQ(Processes().WaitForSingleObject(process, 20), error::waitTimeout) << title;
@@ -137,13 +121,12 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     }
     EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|" + WideFromUtf8(std::to_string(getpid())) +
                   u") continue; esac; [ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
-              0)
+              0U)
         << "a process is left in the test's folder";
 }
 
 TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
-    ProcessHandle process = 0;
-    ASSERT_EQ(Processes().CreateProcessW(u"sleep 100 & echo $! >id", u"", process), error::success);
+    ProcessHandle process = Start(u"sleep 100 & echo $! >id");
     const pid_t child = AwaitId();
     EXPECT_EQ(Processes().WaitForSingleObject(process, 20'000), error::success);
     Processes().CloseProcess(process);
@@ -151,13 +134,13 @@ TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
     EXPECT_TRUE(EndsSoon(child));
 
     // Without a wait, it goes on and is reaped when another starts or ends.
-    ASSERT_EQ(Processes().CreateProcessW(u"echo $PPID >id; read line <id", u"", process), error::success);
+    process = Start(u"echo $PPID >id; read line <id");
     Processes().CloseProcess(process);
     const pid_t guardian = AwaitId();
     EXPECT_EQ(kill(guardian, 0), 0);
     std::ofstream("id") << "on\n";
     EXPECT_TRUE(EndsSoon(guardian));
-    EXPECT_EQ(Run(u"true"), 0);
+    EXPECT_EQ(Run(u"true"), 0U);
 }
 
 }  // namespace

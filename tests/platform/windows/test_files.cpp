@@ -32,9 +32,7 @@ TEST_F(FilesTest, AHiddenFileIsReplacedOrKeepsItsProtection) {
 
 TEST_F(FilesTest, AnOpenFileCanBeRenamedAndDeleted) {
     Write("./first", "1");
-    FileHandle file = 0;
-    ASSERT_EQ(Files().CreateFileW(u"first", FileAccess::append, FileShare::none, FileDisposition::openExisting, file),
-              error::success);
+    const FileHandle file = Open(u"first", FileAccess::append);
     EXPECT_EQ(Files().MoveFileExW(u"first", u"second", MoveTarget::mustBeNew), error::success);
     EXPECT_EQ(Files().WriteFile(file, "2", 1), error::success);
     EXPECT_EQ(Files().DeleteFileW(u"second"), error::success);
@@ -55,14 +53,6 @@ TEST_F(FilesTest, WaitsForAProgramThatReadsForAMoment) {
         EXPECT_EQ(Read("target"), "new");
         EXPECT_EQ(Files().DeleteFileW(u"target"), error::success);
     }
-}
-
-TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    const std::jthread asker([](const std::stop_token& stop) {
-        while (!stop.stop_requested()) Files().GetFileUseState(u"f");
-    });
-    for (int round = 0; round < 200; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
-    EXPECT_EQ(std::filesystem::file_size("f"), 200U);
 }
 
 }  // namespace

@@ -1,15 +1,13 @@
 // Scripts and their processes on Windows.
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "platform/process.h"
-#include "platform/utf.h"
-#include "tests/support/test_folder.h"
+#include "tests/platform/process_test.h"
 
 namespace platform::test {
 
 namespace {
 
-class ProcessTest : public kv::test::TestFolder {
+class ProcessTest : public ProcessTestBase {
   protected:
     static constexpr std::u16string_view folderName = u"conf dir & (more)\\it's ^ ";
 
@@ -20,22 +18,6 @@ class ProcessTest : public kv::test::TestFolder {
     static std::u16string Line(std::u16string_view name, std::u16string_view arguments) {
         return Processes().ComposeScriptLine(
             {u"", std::u16string(folderName) + std::u16string(name), std::u16string(arguments), u"out & put"});
-    }
-
-    static ProcessHandle Start(std::u16string_view line) {
-        ProcessHandle process = 0;
-        EXPECT_EQ(Processes().CreateProcessW(line, u"", process), error::success) << Utf8FromWide(line);
-        return process;
-    }
-
-    /// Runs a line to its end; its exit code.
-    static std::uint32_t Run(std::u16string_view line) {
-        const ProcessHandle process = Start(line);
-        std::uint32_t code = 0;
-        EXPECT_EQ(Processes().WaitForSingleObject(process, 20'000), error::success);
-        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success);
-        Processes().CloseProcess(process);
-        return code;
     }
 
     /// Whether the file "held" comes into a use state within three seconds.
