@@ -1,6 +1,5 @@
 // Answers of the kernel over netlink, made here byte by byte and cut at each length; what ICMP messages report; files
 // of shares.
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>

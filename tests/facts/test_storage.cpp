@@ -3,7 +3,6 @@
 #include <chrono>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <semaphore>
 #include <tuple>

@@ -22,7 +22,6 @@
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
-#include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
 #include "wql/classes/network/shares.h"
 

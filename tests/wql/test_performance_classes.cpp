@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <set>
 #include <sys/mount.h>
 #include <sys/prctl.h>

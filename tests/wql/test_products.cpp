@@ -1,6 +1,5 @@
 // Packages and their updates: this machine's as dpkg-query lists them, a database of rpm that the test makes, and what
 // this machine does not show.
-#include <cstdlib>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <unistd.h>

@@ -13,8 +13,6 @@
 #include <unistd.h>
 
 #include "facts/storage/mount_space.h"
-#include "facts/storage/volume_facts.h"
-#include "facts/system_text.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/nobody.h"
@@ -162,15 +160,17 @@ TEST_F(WmiStorageTrees, HaveMountsOfEachKind) {
     Write(root + "/proc/self/mountinfo",
           "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 20 8:2 / /ro ro - ext4 /dev/sda2 ro,usrquota\n"
           "22 20 0:41 / /net rw - nfs4 nas:/x rw\n23 20 0:42 / /run rw - tmpfs tmpfs rw\n");
+    AddTwoDisks();
+    WriteAll(root, "sys/fs/ext4/sda1/errors_count=0\nsys/fs/ext4/sda2/errors_count=2\n");
     EXPECT_EQ(LinesOf(Mounts("DeviceID FileSystem Access DriveType SupportsDiskQuotas QuotasDisabled "
                              "QuotasIncomplete QuotasRebuilding VolumeDirty ConfigManagerErrorCode")),
               "/|ext4|3|3|true|true|false|false|false|0|\n/net|nfs4|3|4|false|true|false|false|false|0|\n"
-              "/ro|ext4|1|3|true|false|false|false|false|0|\n/run|tmpfs|3|6|true|true|false|false|false|0|\n");
+              "/ro|ext4|1|3|true|false|false|false|true|0|\n/run|tmpfs|3|6|true|true|false|false|false|0|\n");
     EXPECT_EQ(
         LinesOf(Over<GatherLogicalDisks>(
             u"Win32_Volume", "DeviceID DriveType Automount PageFilePresent QuotasEnabled DirtyBitSet BootVolume")),
         "/|3|true|false|false|false|true|\n/net|4|false|false|false|false|false|\n"
-        "/ro|3|false|false|true|false|false|\n/run|6|false|false|false|false|false|\n");
+        "/ro|3|false|false|true|true|false|\n/run|6|false|false|false|false|false|\n");
 }
 
 TEST_F(WmiStorageTrees, HavePlacesAndPathsByTheKernelsNames) {
@@ -206,14 +206,6 @@ TEST_F(WmiStorageTrees, HaveCdDrives) {
                                      "TransferRate VolumeName VolumeSerialNumber SCSIPort SCSILogicalUnit Status")),
         "/dev/sr0|NULL|/dev/sr0|NULL|false|CD-ROM|NULL|NULL|NULL|NULL|3|0|OK|\n"
         "/dev/sr1|/media/cd|Maker DVD 5|1.2|true|DVD Writer|4096000|8448|My disc|09583900|3|1|OK|\n");
-}
-
-TEST_F(WmiStorageTrees, NeedACheckAfterErrors) {
-    Write(root + "/sys/fs/ext4/sda1/errors_count", "2\n");
-    Write(root + "/sys/fs/ext4/sda2/errors_count", "0\n");
-    EXPECT_TRUE(facts::NeedsCheck("sda1", root));
-    EXPECT_FALSE(facts::NeedsCheck("sda2", root));
-    EXPECT_FALSE(facts::NeedsCheck("", root));
 }
 
 TEST_F(WmiStorageTrees, HaveSwapsOfFstab) {

@@ -11,13 +11,11 @@
 #include <utmp.h>
 
 #include "facts/schedule/zone_rules.h"
-#include "facts/system_text.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
 #include "wql/classes/software/processes.h"
 #include "wql/classes/system/accounts.h"

@@ -1,7 +1,5 @@
 // Services, what starts with the system, and jobs: units of a fake manager, and cron's tables.
 #include <cstdlib>
-#include <ctime>
-#include <fmt/format.h>
 #include <fnmatch.h>
 #include <gmock/gmock.h>
 #include <memory>
@@ -14,8 +12,6 @@
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/wmi_query.h"
-#include "wql/class_tree.h"
 #include "wql/classes/software/scheduled_jobs.h"
 #include "wql/classes/software/services.h"
 
