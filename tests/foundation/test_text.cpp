@@ -60,12 +60,7 @@ TEST(Text, IsComparedParsedAndConverted) {
 TEST(SystemNames, FollowFamilyAndVersion) {
     using enum platform::SystemFamily;
     enum Traits { plain = 0, workstation = 1, amd64 = 2, secondEdition = 4 };
-    const struct {
-        platform::SystemFamily family;
-        std::uint32_t major, minor;
-        int traits;
-        const char16_t* name;
-    } rows[] = {
+    const std::tuple<platform::SystemFamily, std::uint32_t, std::uint32_t, int, const char16_t*> rows[] = {
         {nt, 6, 1, workstation, u"Windows 7"},
         {nt, 6, 1, amd64, u"Windows 2008 R2"},
         {nt, 6, 0, workstation, u"Windows Vista"},

@@ -1,6 +1,7 @@
 // The order of addresses, the rounds, the restart and the headers, over a transport whose steps fail as scripted.
 #include <gmock/gmock.h>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "foundation/agent_health.h"
@@ -207,12 +208,8 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
 
 TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
     using enum RequestKind;
-    const struct {
-        RequestKind kind;
-        std::u16string user;
-        std::u16string password;
-        std::string expected;  // timeout, tolerated faults of a certificate, credentials
-    } rows[] = {
+    // expected: timeout, tolerated faults of a certificate, credentials
+    const std::tuple<RequestKind, std::u16string, std::u16string, std::string> rows[] = {
         {REQUEST_GET_TIMED, u"", u"", "3=30000 31=12544 "},
         {REQUEST_POST_TIMED, u"", u"", "3=30000 31=13056 "},
         {REQUEST_GET, u"u", u"password", "31=12544 "},  // a single character is not a credential
@@ -221,14 +218,14 @@ TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
         {REQUEST_GET_STATUS, u"", u"pw", "31=12544 "},
     };
     agentState.gv_httpsEnabled = 1;
-    for (const auto& row : rows) {
+    for (const auto& [kind, user, password, expected] : rows) {
         Restart("g");
-        UseProxy(At(1), u"", row.password);
-        agentState.gv_proxyUserName = row.user;
+        UseProxy(At(1), u"", password);
+        agentState.gv_proxyUserName = user;
         std::u16string url = u"/x";
         agentState.gv_ServerPort = somePort;
-        EXPECT_EQ(AgentSendRequest({}, 0, url, {.body = "ab"}, nullptr, row.kind, 2, false), 12029u);
-        EXPECT_EQ(numbers, row.expected);
+        EXPECT_EQ(AgentSendRequest({}, 0, url, {.body = "ab"}, nullptr, kind, 2, false), 12029u);
+        EXPECT_EQ(numbers, expected);
     }
 }
 

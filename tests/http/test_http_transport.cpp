@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <map>
 #include <sstream>
+#include <tuple>
 
 #include "foundation/proxy_password.h"
 #include "platform/http.h"
@@ -132,12 +133,7 @@ TEST_F(HttpTransport, TransfersBodiesOfEverySize) {
 
 TEST_F(HttpTransport, AnEarlyAnswerLosesNoBody) {
     const std::string body(12'000'000, 'z');  // more than the buffers of two sockets
-    const struct {
-        const char* title;
-        const char* answer;
-        std::size_t reads;  // bytes of the body, at most
-        platform::Error expected;
-    } rows[] = {
+    const std::tuple<const char*, const char*, std::size_t, platform::Error> rows[] = {
         {"accepts and reads on", "HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n", body.size(), 0},
         {"the same in chunks", "HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
          body.size(), 0},
@@ -145,15 +141,15 @@ TEST_F(HttpTransport, AnEarlyAnswerLosesNoBody) {
         {"goes on and refuses", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n",
          body.size(), 13},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, answer, reads, expected] : rows) {
+        SCOPED_TRACE(title);
         std::size_t got = 0;
-        auto server = std::make_unique<RawServer>(AnswersThenReads(row.answer, got, row.reads));
+        auto server = std::make_unique<RawServer>(AnswersThenReads(answer, got, reads));
         const platform::Error result = Post(server->port, u"/x", body, body.size());
-        const bool endsAtFirst = row.expected == 13 && result == 12152;  // Wine ends with the first answer
-        EXPECT_TRUE(result == row.expected || endsAtFirst) << result;
+        const bool endsAtFirst = expected == 13 && result == 12152;  // Wine ends with the first answer
+        EXPECT_TRUE(result == expected || endsAtFirst) << result;
         server.reset();  // it has read to the end
-        EXPECT_TRUE(row.expected != 0 || got == body.size()) << got;
+        EXPECT_TRUE(expected != 0 || got == body.size()) << got;
     }
 }
 

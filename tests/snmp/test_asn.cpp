@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
+#include <tuple>
 
 #include "snmp/asn.h"
 #include "snmp/toolkit_log.h"
@@ -177,27 +178,23 @@ TEST_F(Asn, LogsWhatItRefuses) {
 
 TEST_F(Asn, WritesValuesByTheirTag) {
     const std::string refused = "Can't build value";
-    const struct {
-        std::uint8_t tag;
-        SubIds value;
-        std::size_t length;
-        std::string outcome;  // hex, or the log lines
-    } rows[]{{0x02, {1, 1}, 8, refused},
-             {0x03, {0x08080808}, 2, "Building invalid bitstring" + refused},
-             {0x04, {}, 0, "04 00"},
-             {0x03, {}, 0, "Building invalid bitstring" + refused},
-             {0x06, {7}, 4, "06 01 00"},
-             {0x06, SubIds(132, 0x11), 528, "06 81 84 85 39" + std::string(260, '1')},
-             {0x06, SubIds(133, 1), 532, refused},
-             {0x46, {0xffffffff, 0xfffffffe}, 8, "46 09 00 ff ff ff ff ff ff ff fe"},
-             {0x46, {0x7fffff, 1}, 8, "46 07 7f ff ff 00 00 00 01"},
-             {0x46, {0, 0}, 8, "46 01 00"},
-             {0x48, {0}, 4, "wrong type"}};
-    for (const auto& row : rows) {
+    const std::tuple<std::uint8_t, SubIds, std::size_t, std::string> rows[] = {
+        {0x02, {1, 1}, 8, refused},
+        {0x03, {0x08080808}, 2, "Building invalid bitstring" + refused},
+        {0x04, {}, 0, "04 00"},
+        {0x03, {}, 0, "Building invalid bitstring" + refused},
+        {0x06, {7}, 4, "06 01 00"},
+        {0x06, SubIds(132, 0x11), 528, "06 81 84 85 39" + std::string(260, '1')},
+        {0x06, SubIds(133, 1), 532, refused},
+        {0x46, {0xffffffff, 0xfffffffe}, 8, "46 09 00 ff ff ff ff ff ff ff fe"},
+        {0x46, {0x7fffff, 1}, 8, "46 07 7f ff ff 00 00 00 01"},
+        {0x46, {0, 0}, 8, "46 01 00"},
+        {0x48, {0}, 4, "wrong type"}};
+    for (const auto& [tag, value, length, outcome] : rows) {
         const std::size_t logged = LogText().size();
-        const std::string bytes = BuildValue(row.tag, row.value.empty() ? nullptr : row.value.data(), row.length, 299);
+        const std::string bytes = BuildValue(tag, value.empty() ? nullptr : value.data(), length, 299);
         const std::string lines = LogText().substr(logged);
-        EXPECT_TRUE(lines.empty() ? bytes == FromHex(row.outcome) : lines.ends_with(row.outcome)) << lines;
+        EXPECT_TRUE(lines.empty() ? bytes == FromHex(outcome) : lines.ends_with(outcome)) << lines;
     }
     for (const auto& [length, header] : {std::pair(255u, "04 81 ff"), {256u, "04 82 01 00"}, {65537u, "04 82 00 01"}}) {
         std::uint8_t buffer[4];

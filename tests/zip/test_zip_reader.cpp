@@ -12,10 +12,7 @@ namespace kv::test {
 
 TEST_F(ZipReading, CleansesNamesOfItems) {
     // clang-format off
-    const struct {
-        std::string name;
-        std::u16string cleansed;
-    } rows[] = {
+    const std::pair<std::string, std::u16string> rows[] = {
         {"C:\\conf\\x.txt", u"conf\\x.txt"}, {"../x", u"../x"},         {"\\\\..\\\\x", u"x"},
         {"a:b:c", u"c"},                    {"::x", u"x"},            {"/\\//C:/x", u"x"},
         {"a\\..\\b", u"b"},                 {"a\\../b", u"b"},       {"a/..\\b", u"b"},
@@ -25,7 +22,7 @@ TEST_F(ZipReading, CleansesNamesOfItems) {
         {"C:", u""},                        {"\xC3\xBC\xFF", u"\u00FC\uFFFD"},
         {std::string("cut\0off", 7), u"cut"}, {std::string(259, 'n'), std::u16string(259, u'n')}};
     // clang-format on
-    for (const auto& row : rows) EXPECT_EQ(Described(Built(row.name)).name, row.cleansed) << row.name.substr(0, 40);
+    for (const auto& [name, cleansed] : rows) EXPECT_EQ(Described(Built(name)).name, cleansed) << name.substr(0, 40);
 }
 
 TEST_F(ZipReading, TakesAttributesAndTimesOfTheItem) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
+#include <tuple>
 
 #include "foundation/agent_health.h"
 #include "platform/http.h"
@@ -79,21 +80,17 @@ TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
 }
 
 TEST_F(HttpSecure, AnAnswerOfTheProxyIsNoContactWithTheServer) {
-    const struct {
-        int secure;
-        const char* status;
-        bool isOfServer;
-    } rows[] = {
+    const std::tuple<int, const char*, bool> rows[] = {
         {1, "403 Forbidden", false}, {1, "502 Bad Gateway", false}, {0, "504 Timeout", false}, {0, "404", true}};
-    for (const auto& row : rows) {
-        RawServer proxy(Answers(std::string("HTTP/1.1 ") + row.status + "\r\nContent-Length: 0\r\n\r\n"));
+    for (const auto& [secure, status, isOfServer] : rows) {
+        RawServer proxy(Answers(std::string("HTTP/1.1 ") + status + "\r\nContent-Length: 0\r\n\r\n"));
         UseProxy(ProxyList(proxy.port), u"");
-        agentState.gv_httpsEnabled = row.secure;
+        agentState.gv_httpsEnabled = secure;
         agentHealth.lastContactTime = 0;
         EXPECT_EQ(Get(1, u"/echo"), 13u);
-        EXPECT_EQ(agentHealth.lastContactTime != 0, row.isOfServer) << row.status;
+        EXPECT_EQ(agentHealth.lastContactTime != 0, isOfServer) << status;
         EXPECT_THAT(ReadLastEvents().failure,
-                    testing::HasSubstr(row.secure ? ", by the proxy " : ", by the server or the proxy "));
+                    testing::HasSubstr(secure ? ", by the proxy " : ", by the server or the proxy "));
     }
 }
 

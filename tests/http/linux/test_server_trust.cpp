@@ -52,10 +52,7 @@ class ServerTrustTest : public HttpTest {
 
 TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
     const std::u16string pin = Pin(issued);
-    const struct {
-        Setting setting;
-        const char* logged;
-    } rows[] = {
+    const std::pair<Setting, const char*> rows[] = {
         {{u"KVServerPinnedKey", pin.substr(8)}, "KVServerPinnedKey has ["},
         {{u"KVServerPinnedKey", pin + u";sha256//AAAA"}, "KVServerPinnedKey has [sha256//AAAA]"},
         {{u"KVServerPinnedKey", u"--"}, "KVServerPinnedKey is empty"},
@@ -68,14 +65,14 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
         {{u"KVServerVerify", u"true"}, "KVServerVerify is [true], neither yes nor no"},
     };
     TlsServer server(issued);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.logged);
+    for (const auto& [setting, logged] : rows) {
+        SCOPED_TRACE(logged);
         const std::size_t before = LogText().size();
-        Set({row.setting});
+        Set({setting});
         EXPECT_EQ(Get(server.port, u"/x"), 12175u);
         EXPECT_NE(ReadLastEvents().failure.find("/x at 127.0.0.1"), std::string::npos);
-        EXPECT_NE(ReadLastEvents().failure.find(row.logged), std::string::npos) << ReadLastEvents().failure;
-        EXPECT_EQ(TimesLogged(row.logged, before), 2) << "at the start and at the request" << LogText().substr(before);
+        EXPECT_NE(ReadLastEvents().failure.find(logged), std::string::npos) << ReadLastEvents().failure;
+        EXPECT_EQ(TimesLogged(logged, before), 2) << "at the start and at the request" << LogText().substr(before);
     }
     TestServer plain;
     agentState.gv_httpsEnabled = 0;

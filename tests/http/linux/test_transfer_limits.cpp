@@ -1,5 +1,6 @@
 // When each limit of a transfer runs out.
 #include <gtest/gtest.h>
+#include <tuple>
 #include <vector>
 
 #include "platform/linux/http_transfer_limits.h"
@@ -19,12 +20,7 @@ struct Sign {
 
 TEST(HttpTransferLimits, CountFromTheLastSignOfProgress) {
     const std::vector<Sign> aByteInTime(12, Sign{29s, 'b', 85}), headersInTime(4, Sign{20s, 'h'});
-    const struct {
-        const char* title;
-        Stage stage;
-        std::vector<Sign> signs;
-        std::chrono::milliseconds left;
-    } rows[] = {
+    const std::tuple<const char*, Stage, std::vector<Sign>, std::chrono::milliseconds> rows[] = {
         {"silence while sending", Stage::send, {{5s, 's'}, {3s, 'w'}}, 10s},
         {"received bytes do not count while sending", Stage::send, {{9s, 'h'}}, 1s},
         {"silence after the request", Stage::headers, {{31s, 'w'}}, 30s},
@@ -38,10 +34,10 @@ TEST(HttpTransferLimits, CountFromTheLastSignOfProgress) {
         {"a byte now and then is too slow", Stage::body, aByteInTime, -48s},
         {"sent bytes count for the pace", Stage::send, {{295s, 's', 1024}}, 10s},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, stage, signs, left] : rows) {
         HttpTransferLimits::TimePoint now{100h};
         HttpTransferLimits limits(10s, 30s, now);
-        for (const Sign& sign : row.signs) {
+        for (const Sign& sign : signs) {
             now += sign.after;
             if (sign.what == 'w') limits.BeginWait(now);
             if (sign.what == 'c') limits.NoteConnecting(now);
@@ -49,7 +45,7 @@ TEST(HttpTransferLimits, CountFromTheLastSignOfProgress) {
             if (sign.what == 'h') limits.NoteHeader(now);
             if (sign.what == 'b') limits.NoteBody(sign.bytes, now);
         }
-        EXPECT_EQ(limits.TimeLeft(row.stage, now), row.left) << row.title;
+        EXPECT_EQ(limits.TimeLeft(stage, now), left) << title;
     }
     const HttpTransferLimits limits(1ms, 1ms, HttpTransferLimits::TimePoint{});
     EXPECT_EQ(limits.TimeLeft(Stage::send, HttpTransferLimits::TimePoint{1us}), 1ms) << "rounded up";
