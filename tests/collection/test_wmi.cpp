@@ -23,15 +23,13 @@ using enum platform::VariantType;
 const platform::MessageOperations messageTexts{
     .FormatMessageW = [](auto) { return std::nullopt; },
     .LoadLibraryW =
-        [](auto name, auto& module) {
-            module = name == u"wmiutils.dll" ? 7 : 0;
-            return module == 7 ? platform::error::success : platform::error::fileNotFound;
+        [](auto name, auto&) {
+            return name == u"wmiutils.dll" ? platform::error::success : platform::error::fileNotFound;
         },
     .FormatModuleMessageW =
-        [](auto module, auto code) {
-            if (module != 7) return std::optional<std::u16string>();
-            return std::optional(code == platform::wmi_status::outOfMemory ? u"Out of memory\r\n"s
-                                                                           : u"Generic failure\r\n"s);
+        [](auto, auto code) {
+            const bool isOfMemory = code == platform::wmi_status::outOfMemory;
+            return std::optional(isOfMemory ? u"Out of memory\r\n"s : u"Generic failure\r\n"s);
         },
 };
 
@@ -96,35 +94,33 @@ TEST_F(WmiQuery, ReleasesEverythingInReverseOrderWhereverItEnds) {
     const std::string started = "up security create ROOT\\CIMV2 blanket query ", end = "-3 -2 -1 down ";
     const std::string row4 = "next4 begin4 property4 property4 end -4 ";
     const std::string row5 = "next5 begin5 property5 property5 end -5 ";
+    const std::string generic = " ERRORCODE:80041001 MESSAGE:Generic failure\r\n";
     struct Row {
-        std::string failing, result;  // the text of a failure, or "NO ERROR"
-        std::string calls;
+        std::string failing, result, calls;
         int rows = 0;
     };
     for (const Row& row : std::vector<Row>{
-             {"up", "Failed to initialize COM library", "up "},
-             {"security", "Failed to initialize security", "up security down "},
-             {"create", "Failed to create IWbemLocator object", "up security create down "},
-             {"ROOT\\CIMV2", "Could not connect to nameSpace", "up security create ROOT\\CIMV2 -1 down "},
-             {"blanket", "Could not set proxy blanket", "up security create ROOT\\CIMV2 blanket -2 -1 down "},
-             {"query", "SELECT", started + "-2 -1 down "},
+             {"up", "FAILED:Failed to initialize COM library" + generic, "up "},
+             {"security", "FAILED:Failed to initialize security" + generic, "up security down "},
+             {"create", "FAILED:Failed to create IWbemLocator object" + generic, "up security create down "},
+             {"ROOT\\CIMV2", "FAILED:Could not connect to nameSpace" + generic,
+              "up security create ROOT\\CIMV2 -1 down "},
+             {"blanket", "FAILED:Could not set proxy blanket" + generic,
+              "up security create ROOT\\CIMV2 blanket -2 -1 down "},
+             {"query", "FAILED:SELECT" + generic, started + "-2 -1 down "},
              {"begin4", "NO ERROR", started + "next4 begin4 -4 " + row5 + "next6 " + end, 1},
-             {"property5", "ERROR", started + row4 + "next5 begin5 property5 end -5 " + end, 1},
-             {"next6", "ERROR", started + row4 + row5 + "next6 " + end, 2},
+             {"property5", "FAILED:ERROR ERRORCODE:80041006 MESSAGE:Out of memory\r\n",
+              started + row4 + "next5 begin5 property5 end -5 " + end, 1},
+             {"next6", "FAILED:ERROR" + generic, started + row4 + row5 + "next6 " + end, 2},
              {"nothing", "NO ERROR", started + row4 + row5 + "next6 " + end, 2},
          }) {
         failing = row.failing;
-        const bool throws = row.failing == "property5";
-        failure = throws ? platform::wmi_status::ok : platform::wmi_status::failed;
+        failure = row.failing == "property5" ? platform::wmi_status::ok : platform::wmi_status::failed;
         last = 3;
         calls.clear();
         const VectorPtr rows = MakeVector();
         const std::u16string result = WMIFunction(std::nullopt, u"SELECT", rows.get());
-        EXPECT_EQ(platform::Utf8FromWide(result),
-                  row.result == "NO ERROR" ? row.result
-                                           : "FAILED:" + row.result +
-                                                 (throws ? " ERRORCODE:80041006 MESSAGE:Out of memory\r\n"
-                                                         : " ERRORCODE:80041001 MESSAGE:Generic failure\r\n"));
+        EXPECT_EQ(platform::Utf8FromWide(result), row.result);
         EXPECT_EQ(calls, row.calls);
         EXPECT_EQ(rows->count, row.rows) << failing;
     }

@@ -50,8 +50,7 @@ TEST_F(Containers, VectorAnswersByIndex) {
         std::int32_t index;
         Word element;  // 0: null
         int inserted;
-        std::vector<Word> afterInsert;
-        std::vector<Word> afterDelete;
+        std::vector<Word> afterInsert, afterDelete;
     } rows[] = {
         {"before the first", -1, 0, 0, {1, 2, 3}, {1, 2, 3}},
         {"first", 0, 1, 1, {9, 1, 2, 3}, {2, 3}},

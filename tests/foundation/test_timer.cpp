@@ -54,8 +54,7 @@ TEST_F(Timer, ArmsAJobAgainFromTheStartOfItsPass) {
         std::uint32_t period;
         TimerUnit unit;
         std::int32_t repeatCount;
-        std::int64_t takesSeconds;
-        std::int64_t runForSeconds;
+        std::int64_t takesSeconds, runForSeconds;
         Seconds expected;
     };
     for (const Row& row : std::vector<Row>{

@@ -162,12 +162,9 @@ TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
 
 TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
     const struct {
-        const char* title;
-        const char* script;
-        Error getResult;
-        Error postResult;
-        int sendings;
-        int seconds;
+        const char *title, *script;
+        Error getResult, postResult;
+        int sendings, seconds;
         bool restarted;
     } rows[] = {
         {"a second round", "Ro", 0, 0, 2, 5, false},

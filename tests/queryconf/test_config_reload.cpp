@@ -62,8 +62,7 @@ TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
     const std::string replaced = "new live [] new";
     const Files sound = platform::Files();
     struct Row {
-        const char* title;
-        const char* agentKey;
+        const char *title, *agentKey;
         std::string newText;  // empty: absent
         std::string slave;
         std::string outcome;  // the plan, its backup, the downloads, and what is loaded
