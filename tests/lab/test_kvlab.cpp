@@ -77,22 +77,19 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
 }
 
 TEST_P(Kvlab, PrintsAndDrawsRecords) {
-    const std::int64_t now = Now() / 1000;
-    const auto record = [&](std::int64_t ago, const std::string& error, int free) {
-        const char* const disks =
-            R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"{}","Disks":[{{"Name":"/","FreeSpace":"{}"}}]}})";
-        return DecodeRecord("f.txt", WideBytes(fmt::format(fmt::runtime(disks), now - ago, error, free)));
+    const auto disks = [](const std::string& error, int free) {
+        return fmt::format(R"({{"DATACOLLECTTIME":"@","ERRORMSG":"{}","Disks":[{{"Name":"/","FreeSpace":"{}"}}]}})",
+                           error, free);
     };
-    StoreDelivery(store, "A1", "1.zip",
-                  {record(7000, "NO ERROR", 1000), record(900, "NO ERROR", 2000), record(60, "FAILED", 3000)});
-    StoreDelivery(store, "A2", "1.zip",
-                  {DecodeRecord("m.txt", WideBytes(R"({"MSPCUSTOMERID":"C","ERRORMSG":"NO ERROR","Memory":[]})"))});
-    NoteContact(store, "A1", "");
+    Send("A1", 117, {disks("NO ERROR", 1000)});
+    Send("A1", 15, {disks("NO ERROR", 2000)});
+    Send("A1", 1, {disks("FAILED", 3000)});
+    Send("A2", 0, {R"({"MSPCUSTOMERID":"C","ERRORMSG":"NO ERROR","Memory":[]})"});
     EXPECT_THAT(RunOnDatabase("records --agent A1 --since 1h").output, MatchesRegex("2\tA1\t.*2000.*\n3\tA1.*3000.*"));
-    EXPECT_THAT(RunOnDatabase(fmt::format("records --since {:%H:%M}", fmt::gmtime(now - 1800))).output,
-                MatchesRegex("2\tA1\t.*\n3\tA1.*"));
+    const std::string halfAnHour = fmt::format("records --agent A1 --since {:%H:%M}", fmt::gmtime(begun / 1000 - 1800));
+    EXPECT_THAT(RunOnDatabase(halfAnHour).output, MatchesRegex("2\tA1\t.*\n3\tA1.*"));
     EXPECT_THAT(RunOnDatabase("records --failed --name Disks --csv").output,
-                MatchesRegex("number,agent,.*\n3,A1,,Disks,.*,yes,FAILED,1.zip,f.txt,[0-9]+\r"));
+                MatchesRegex("number,agent,.*\n3,A1,,Disks,.*,yes,FAILED,Agent_A1_3.zip,.*.txt,[0-9]+\r"));
     EXPECT_EQ(RunOnDatabase("records --until 2020-01-01").output, "");
     const std::string plot = RunOnDatabase("plot Disks --since 3h").output;
     EXPECT_THAT(plot, testing::StartsWith("A1 · Disks / FreeSpace: 3.0 kB\n    3.0 kB |"));
@@ -124,16 +121,14 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
 }
 
 TEST_P(Kvlab, DrawsWhatChangesAndNamesTheRest) {
-    const auto record = [](std::int64_t ago, int load) {
+    for (const int minutesAgo : {15, 1}) {
         std::string rows = R"({"Name":"a","Size":"7"})";
-        for (int row = 0; row < 300; ++row) rows += fmt::format(R"(,{{"Name":"r{}","Load":"{}"}})", row, load);
-        const auto text = fmt::format(R"({{"DATACOLLECTTIME":"{}","Rows":[{}]}})", Now() / 1000 - ago, rows);
-        return DecodeRecord("f.txt", WideBytes(text));
-    };
-    StoreDelivery(store, "A1", "1.zip", {record(900, 1), record(60, 2)});
+        for (int row = 0; row < 300; ++row) rows += fmt::format(R"(,{{"Name":"r{}","Load":"{}"}})", row, -minutesAgo);
+        Send("A1", minutesAgo, {R"({"DATACOLLECTTIME":"@","Rows":[)" + rows + "]}"});
+    }
     locale = "C";
     const std::string plot = RunOnDatabase("plot Rows").output;
-    EXPECT_THAT(plot, testing::StartsWith("A1 - Rows r0 Load: 2\n"));
+    EXPECT_THAT(plot, testing::StartsWith("A1 - Rows r0 Load: -1\n"));
     EXPECT_TRUE(std::all_of(plot.begin(), plot.end(), [](char byte) { return static_cast<signed char>(byte) > 0; }));
     EXPECT_THAT(plot,
                 MatchesRegex(".*\nA1 - Rows r5 Load.*UTC\n\nnot drawn: r6 Load, r7 Load[^\n]* and 1[0-9][0-9] more\n"

@@ -193,19 +193,13 @@ TEST_F(PageInBrowser, ColoursWhatFailed) {
         {"/requests", "article > .bad", "answered: failed"},
         {"/requests", "summary", "answered at"},
     };
-    for (const bool dark : {false, true}) {
-        browser.SetView(1280, 900, dark);
-        for (const auto& [path, selector, start] : rows) {
-            browser.Open(Address(path));
-            EXPECT_EQ(browser.RunText(fmt::sprintf(R"(
-                const e = [...document.querySelectorAll('%s')].find(e => e.textContent.startsWith('%s'));
-                const color = getComputedStyle(e.lastElementChild ?? e).color;
-                document.body.style.color = 'var(--bad)';
-                return color === getComputedStyle(document.body).color ? '' : color)",
-                                                   selector, start)),
-                      "")
-                << path << (dark ? " in the dark" : "");
-        }
+    const char* const isBad = R"(
+        const e = [...document.querySelectorAll('%s')].find(e => e.textContent.startsWith('%s'));
+        document.body.style.color = 'var(--bad)';
+        return getComputedStyle(e.lastElementChild ?? e).color === getComputedStyle(document.body).color;)";
+    for (const auto& [path, selector, start] : rows) {
+        browser.Open(Address(path));
+        EXPECT_EQ(browser.Run(fmt::sprintf(isBad, selector, start)), "true") << path;
     }
 }
 

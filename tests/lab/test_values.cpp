@@ -64,23 +64,17 @@ TEST(Units, TellNumbersApart) {
 
 class Values : public LabOnEach {
   protected:
-    /// Delivers two records of a minute, with names that need care.
+    /// Delivers two records each, with names that need care.
     void DeliverValues() {
-        const std::int64_t now = Now() / 1000;
-        const char* const disks = R"({{"DATACOLLECTTIME":"{}","Disks":[{{"Name":"a\"b\\c\nd","FreeSpace":"{}"}}]}})";
-        const char* const device =
-            R"({{"AGENTKEY":"SW","STATUS":"SUCCESS","OID":".1.3.6.1.2.1.2.2.1.10","DATACOLLECTTIME":"{}",
-                 ".1.3.6.1.2.1.2.2.1.10":{{".1.3.6.1.2.1.2.2.1.10.2":"{}"}}}})";
-        for (const int at : {1, 2}) {
-            Deliver("A1", fmt::format(fmt::runtime(disks), now - 60 + 20 * at, at * 1500));
-            Deliver("A1", fmt::format(fmt::runtime(device), now - 60 + 20 * at, at * 1000));
-        }
+        for (const int at : {1, 2})
+            Send("A1", 3 - at,
+                 {fmt::format(R"({{"DATACOLLECTTIME":"@","Disks":[{{"Name":"a\"b\\c\nd","FreeSpace":"{}"}}]}})",
+                              at * 1500),
+                  fmt::format(
+                      R"({{"AGENTKEY":"SW","STATUS":"SUCCESS","OID":".1.3.6.1.2.1.2.2.1.10","DATACOLLECTTIME":"@",
+                                  ".1.3.6.1.2.1.2.2.1.10":{{".1.3.6.1.2.1.2.2.1.10.2":"{}"}}}})",
+                      at * 3000)});
     }
-
-    void Deliver(const std::string& agent, const std::string& text) {
-        StoreDelivery(store, agent, std::to_string(++sent), {DecodeRecord("r", WideBytes(text))});
-    }
-
     std::string Get(const std::string& path) { return client.Get(path)->body; }
 };
 
@@ -151,29 +145,28 @@ TEST_P(Values, AreShownPlottedAndListed) {
     EXPECT_THAT(Get("/plot.json" + plot), HasSubstr(R"("number":50,)"));
     EXPECT_EQ(client.Get("/plot?range=1h")->status, 400) << "no member is named";
     EXPECT_THAT(Get("/plot?member=%3Cimg%3E"), testing::Not(HasSubstr("<img")));
-    Deliver("A3", R"({"L":[{"n":1e17}]})");
-    Deliver("A3", R"({"L":[{"n":100000000000000016}]})");
+    Send("A3", 0, {R"({"L":[{"n":1e17}]})"});
+    Send("A3", 0, {R"({"L":[{"n":100000000000000016}]})"});
     EXPECT_THAT(Get("/plot?member=n&agent=A3"), HasSubstr("</svg>")) << "numbers without a step between them";
     EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="a\"b\\c d",property="FreeSpace",unit="bytes"} 3000)"));
     EXPECT_THAT(Get("/metrics"), testing::EndsWith("\n# EOF\n"));
-    Deliver("A2", R"({"Disks":[{"Name":"d","Free":"1"},{"Name":"d #2","Free":"2"},{"Name":"d","Free":"3"}]})");
+    Send("A2", 0, {R"({"Disks":[{"Name":"d","Free":"1"},{"Name":"d #2","Free":"2"},{"Name":"d","Free":"3"}]})"});
     EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="d #2 #2",property="Free",unit=""} 3)")) << "no value is left out";
 }
 
 TEST_P(Values, OfManyAgentsAreDrawnInNaturalOrder) {
-    const std::int64_t begin = Now() / 1000;  // deliveries of one time stay so on a busy machine
-    const auto deliver = [this, begin](const std::string& agent, std::int64_t ago, int number) {
-        Deliver(agent, fmt::format(R"({{"DATACOLLECTTIME":"{}","Load":{{"Load":"{}"}}}})", begin - ago, number));
+    const auto load = [](int number) {
+        return fmt::format(R"({{"DATACOLLECTTIME":"@","Load":{{"Load":"{}"}}}})", number);
     };
-    for (int agent = 14; agent > 0; --agent) deliver("FLEET" + std::to_string(agent), 500, 7);
+    for (int agent = 14; agent > 0; --agent) Send("FLEET" + std::to_string(agent), 8, {load(7)});
     EXPECT_THAT(Get("/?agent=FLEET3"), HasSubstr("a curve after the second record"));
     const std::string many = Get("/plot?member=Load&name=Load");
     EXPECT_LT(many.find(">FLEET2 · Load</a>"), many.find(">FLEET10 · Load</a>"));
     EXPECT_THAT(many, testing::ContainsRegex("Not drawn: <a href=[^>]*agent=FLEET13[^>]*>FLEET13 · Load</a>, <a"));
     EXPECT_THAT(many, HasSubstr("<input type=hidden name=member value=\"Load\">"));
     EXPECT_THAT(many, testing::Not(HasSubstr("Lines are averages")));
-    deliver("FLEET3", 500, 9);
-    deliver("FLEET3", 300, 8);
+    Send("FLEET3", 8, {load(9)});
+    Send("FLEET3", 5, {load(8)});
     const std::string one = Get("/plot?member=Load&agent=FLEET3");
     for (const char* part : {"<path class='band line0' d='M", "<path class='line dots line0' d='M0.0 ",
                              "Lines are averages of 5 seconds; what is tinted", "(7 to 9)"})
@@ -228,7 +221,7 @@ TEST_P(ScrapedValues, AreReadByPrometheus) {
     DeliverValues();
     Prometheus prometheus(server->port());
     EXPECT_TRUE(prometheus.Gives(R"(kv_value{agent="A1",name="Disks",row="a\"b\\c d",property="FreeSpace"})", "3000"));
-    EXPECT_TRUE(prometheus.Gives(R"(kv_cumulative_total{device="SW",property="ifInOctets",row="2"})", "2000"));
+    EXPECT_TRUE(prometheus.Gives(R"(kv_cumulative_total{device="SW",property="ifInOctets",row="2"})", "6000"));
     EXPECT_TRUE(prometheus.Gives("kvlab_records", "4"));
     EXPECT_TRUE(prometheus.Gives("up", "1"));
 }

@@ -126,23 +126,19 @@ TEST_F(Kvreg, WatchesUntilNobodyReads) {
     const auto write = [&](int number) { Run({"set", "Software\\KvregTest\\B", "v", std::to_string(number)}); };
     write(0);
     std::FILE* const watch = StartTool({files.program, files.input, folder / "watch errors"}, {"watch", key});
-    const auto told = [watch] {
-        std::string line(1000, '\0');
-        return std::fgets(line.data(), static_cast<int>(line.size()), watch) ? std::string(line.c_str()) : "";
-    };
     std::atomic<bool> isWatching = false;
     std::thread writing([&] {
         for (int number = 1; !isWatching; ++number) write(number);
     });
-    std::string line = told();
+    std::string line = NextLine(watch);
     EXPECT_THAT(line, testing::StartsWith("set      HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v    REG_SZ    "));
     isWatching = true;
     writing.join();
     Run({"delete", key, "--yes"});
-    while (line.starts_with("set")) line = told();
+    while (line.starts_with("set")) line = NextLine(watch);
     EXPECT_EQ(line, "deleted  HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v\n");
     Run({"set", key, "new", "t"});
-    EXPECT_EQ(told(), "set      HKEY_LOCAL_MACHINE\\Software\\KvregTest    new    REG_SZ    t\n");
+    EXPECT_EQ(NextLine(watch), "set      HKEY_LOCAL_MACHINE\\Software\\KvregTest    new    REG_SZ    t\n");
     EXPECT_EQ(EndTool(watch), 1);
     EXPECT_THAT(Read(folder / "watch errors"), HasSubstr("nobody reads"));
 }

@@ -56,25 +56,21 @@ TEST_F(LogVerb, ShowsEntriesWithoutTheUsualOnes) {
 TEST_F(LogVerb, FollowsPastRotationsAndLosesNothing) {
     Write(logs / Name(0), Entry(1, "first"));
     std::FILE* const tool = StartTool(files, {"log", "--follow"});
-    const auto next = [tool] {
-        std::string line(200, '\0');
-        return std::fgets(line.data(), static_cast<int>(line.size()), tool) ? std::string(line.c_str()) : "";
-    };
-    EXPECT_EQ(next(), "2026/11/26 23:33:01.100 first\n");
+    EXPECT_EQ(NextLine(tool), "2026/11/26 23:33:01.100 first\n");
     std::ofstream(logs / Name(0), std::ios::app) << Entry(2, "second");
     Rotate(1);
     Write(logs / Name(0), Entry(3, "third"));
     Rotate(2);
     Write(logs / Name(0), Entry(4, "fourth"));
     for (const char* text : {"02.100 second", "03.100 third", "04.100 fourth"})
-        EXPECT_EQ(next(), "2026/11/26 23:33:" + std::string(text) + "\n");
+        EXPECT_EQ(NextLine(tool), "2026/11/26 23:33:" + std::string(text) + "\n");
     std::ofstream(logs / Name(0), std::ios::trunc) << Entry(5, "the log was emptied, and is long again by now");
-    EXPECT_EQ(next(), "2026/11/26 23:33:05.100 the log was emptied, and is long again by now\n");
+    EXPECT_EQ(NextLine(tool), "2026/11/26 23:33:05.100 the log was emptied, and is long again by now\n");
     fs::remove(logs / Name(0));
     Write(logs / Name(0), Entry(6, "deleted"));
-    EXPECT_EQ(next(), "2026/11/26 23:33:06.100 deleted\n");
+    EXPECT_EQ(NextLine(tool), "2026/11/26 23:33:06.100 deleted\n");
     std::ofstream(logs / Name(0), std::ios::trunc) << Entry(7, "short");
-    EXPECT_EQ(next(), "2026/11/26 23:33:07.100 short\n");
+    EXPECT_EQ(NextLine(tool), "2026/11/26 23:33:07.100 short\n");
     EXPECT_EQ(EndTool(tool), 0);  // nobody reads any more
 }
 

@@ -70,6 +70,12 @@ class ToolTest : public ::testing::Test {
         return outcome;
     }
 
+    /// The next line that a tool prints; empty at its end.
+    static std::string NextLine(std::FILE* tool) {
+        std::string line(1000, '\0');
+        return std::fgets(line.data(), static_cast<int>(line.size()), tool) ? std::string(line.c_str()) : "";
+    }
+
     const fs::path folder = MakeTemporaryFolder();
     const ToolFiles files;
 };
