@@ -21,19 +21,15 @@ using platform::Utf8FromWide;
 
 using PublicReference = WmiTest;
 
-std::vector<std::string> FieldsOf(const std::string& line) {
-    std::vector<std::string> fields;
-    std::istringstream text(line);
-    for (std::string field; std::getline(text, field, '\t');) fields.push_back(field);
-    return fields;
-}
-
 /// The lines of a file beside this one that are not comments, split at tabs.
 std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
     std::ifstream file(std::string(KV_TEST_SOURCES) + "/" + name);
     std::vector<std::vector<std::string>> lines;
     for (std::string line; std::getline(file, line);) {
-        if (!line.empty() && !line.starts_with('#')) lines.push_back(FieldsOf(line));
+        if (line.empty() || line.starts_with('#')) continue;
+        std::istringstream text(line);
+        std::vector<std::string>& fields = lines.emplace_back();
+        for (std::string field; std::getline(text, field, '\t');) fields.push_back(field);
     }
     return lines;
 }

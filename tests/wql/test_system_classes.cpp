@@ -53,8 +53,6 @@ TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
         {"Win32_OperatingSystem", "FreeVirtualMemory", "free -k | awk '/^Mem/ {m = $7} /^Swap/ {print m + $4}'",
          1 << 20},
         {"Win32_OperatingSystem", "NumberOfProcesses", "ps -e --no-headers | wc -l", 50},
-        {"Win32_OperatingSystem WHERE ForegroundApplicationBoost = 0 AND LargeSystemCache = 1 AND OSProductSuite = 0 "
-         "AND SuiteMask = 0 AND OperatingSystemSKU = 0", "Primary,Distributed", "echo true false"},
         {"Win32_OperatingSystem", "BuildType",
          "uname -v | grep -q ' SMP ' && echo Multiprocessor Free || echo Uniprocessor Free"},
         {"Win32_OperatingSystem", "DataExecutionPrevention_Available,DataExecutionPrevention_SupportPolicy",
