@@ -208,7 +208,7 @@ void StepPlanner(State& state, Answer answer, Fault fault) {
             state.download = state.plansServed;
             return JudgeDownload(state);
         case Planner::copying:
-            state.copy = state.plan;
+            state.copy = fault == Fault::newPlanIsBackup ? state.download : state.plan;
             state.planner = Planner::backingUp;
             return;
         case Planner::backingUp:
@@ -217,10 +217,11 @@ void StepPlanner(State& state, Answer answer, Fault fault) {
             state.planner = Planner::installing;
             return;
         case Planner::installing:
-            state.plan = state.loadedPlan = state.download;
+            state.plan = state.download;
+            if (fault != Fault::newPlanNotLoaded) state.loadedPlan = state.plan;
             [[fallthrough]];
         case Planner::settingAside:
-            state.download = noPlan;
+            if (fault != Fault::usedPlanStays) state.download = noPlan;
             state.planner = Planner::idle;
     }
 }

@@ -30,6 +30,9 @@ enum class Fault : Byte {
     unfinishedZipStays,
     unfinishedRecordStays,
     planWrittenInPlace,
+    newPlanIsBackup,
+    newPlanNotLoaded,
+    usedPlanStays,
 };
 
 struct Limits {

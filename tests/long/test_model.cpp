@@ -43,6 +43,9 @@ TEST(Model, NoticesEachOrderThatBreaksThePromise) {
         {Fault::unfinishedZipStays, "the queue is never empty again"},
         {Fault::unfinishedRecordStays, "half a record of an earlier run stays"},
         {Fault::planWrittenInPlace, "a plan is neither the old one nor the new one"},
+        {Fault::newPlanIsBackup, "the backup is newer than the plan"},
+        {Fault::newPlanNotLoaded, "the plan in use is not the one on disk"},
+        {Fault::usedPlanStays, "a plan waits that is older than the one in use"},
     };
     for (const auto& [fault, promise] : rows) {
         const std::string failure = Explore({.plans = 1, .fault = fault}).failure;
