@@ -30,6 +30,22 @@ TEST(ComputerFacts, TheChassisTellsTheKindOfSystem) {
     }
 }
 
+TEST(ComputerFacts, AreReadFromTheFirmwaresTexts) {
+    EXPECT_EQ(FirmwareDate("04/30/2026"), u"20260430000000.000000+000");
+    for (const char* text : {"", "4/30/2026", "04-30-2026", "02/30/2026"}) EXPECT_FALSE(FirmwareDate(text)) << text;
+    const std::tuple<const char*, const char*, bool> rows[] = {
+        {"QEMU", "Standard PC", true},         {"Microsoft Corporation", "Virtual Machine", true},
+        {"Microsoft Corporation", "X", false}, {"Amazon EC2", "t3.micro", true},
+        {"Amazon EC2", "m5.metal", false},
+    };
+    for (const auto& [vendor, model, isVirtual] : rows) EXPECT_EQ(IsVirtualMachine(vendor, model), isVirtual) << model;
+    for (const char* entry : {"_SM3_12\x03\x04", "_SM_12\x03\x04"}) {
+        const auto version = SmbiosVersionOf(entry);
+        EXPECT_TRUE(version && version->major == 3 && version->minor == 4) << entry;
+    }
+    EXPECT_FALSE(SmbiosVersionOf("_SM_12\x03"));
+}
+
 TEST(ComputerFacts, TheWorkgroupStandsInTheGlobalSectionOfSambasConfiguration) {
     const std::pair<const char*, const char*> rows[] = {
         {"[global]\n   workgroup = OFFICE\n", "OFFICE"},

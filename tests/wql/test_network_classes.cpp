@@ -156,23 +156,24 @@ TEST_F(WmiNetwork, HasTheRoutesOfTheKernel) {
 TEST_F(WmiNetwork, EchoesAreAnsweredOrRefused) {
     if (!IsInNamespaces()) return RunInNamespaces(routedFlags, routedNetwork);
     const std::pair<const char*, const char*> rows[] = {
-        {"'192.0.2.1' AND BufferSize = 100 AND NoFragmentation = TRUE", "0 192.0.2.1 100 1000"},
-        {"'192.0.2.1' AND BufferSize = 5000 AND TypeofService = 16", "0 192.0.2.1 5000 1000"},
-        {"'192.0.2.1' AND BufferSize = 5000 AND NoFragmentation = TRUE", "11009  NULL 1000"},
-        {"'203.0.113.5'", "11003 192.0.2.1 NULL 1000"},
-        {"'198.51.100.9' AND TimeToLive = 1", "11013 192.0.2.1 NULL 1000"},
-        {"'10.6.0.1'", "11002  NULL 1000"},
-        {"'192.0.2.99' AND Timeout = 200", "11010  NULL 200"},
-        {"'::1' AND Timeout = 3000", "0 ::1 32 3000"},
-        {"'127.0.0.1' AND TimeToLive = 0", "11007  NULL 1000"},
-        {"'127.0.0.1' AND BufferSize = 4294967295", "11009  NULL 1000"},
-        {"'127.0.0.1' AND RecordRoute = 1", "11007  NULL 1000"},
+        {"'192.0.2.1' AND BufferSize = 100 AND NoFragmentation = TRUE", "0 192.0.2.1 100 1000 64"},
+        {"'192.0.2.1' AND BufferSize = 5000 AND TypeofService = 16", "0 192.0.2.1 5000 1000 64"},
+        {"'192.0.2.1' AND BufferSize = 5000 AND NoFragmentation = TRUE", "11009  NULL 1000 NULL"},
+        {"'203.0.113.5'", "11003 192.0.2.1 NULL 1000 NULL"},
+        {"'198.51.100.9' AND TimeToLive = 1", "11013 192.0.2.1 NULL 1000 NULL"},
+        {"'10.6.0.1'", "11002  NULL 1000 NULL"},
+        {"'192.0.2.99' AND Timeout = 200", "11010  NULL 200 NULL"},
+        {"'::1' AND Timeout = 3000", "0 ::1 32 3000 64"},
+        {"'127.0.0.1' AND TimeToLive = 0", "11007  NULL 1000 NULL"},
+        {"'127.0.0.1' AND BufferSize = 4294967295", "11009  NULL 1000 NULL"},
+        {"'127.0.0.1' AND RecordRoute = 1", "11007  NULL 1000 NULL"},
     };
     for (const char* group : {"1 0", "0 0"}) {  // a socket for all of ICMP, and one for echoes alone
         std::ofstream("/proc/sys/net/ipv4/ping_group_range") << group;
         for (const auto& [where, texts] : rows) {
             const std::string from =
-                "StatusCode,ProtocolAddress,ReplySize,Timeout FROM Win32_PingStatus WHERE Address = ";
+                "StatusCode,ProtocolAddress,ReplySize,Timeout,ResponseTimeToLive FROM Win32_PingStatus WHERE Address "
+                "= ";
             EXPECT_EQ(TextsOf(from + where), texts) << where << group;
         }
     }
