@@ -78,16 +78,7 @@ class Values : public LabOnEach {
     std::string Get(const std::string& path) { return client.Get(path)->body; }
 };
 
-/// Samples of a value by the second, and how its line reads in parts of some seconds: numbers with blanks between, bars
-/// between pieces, the newest number behind them.
-struct LineCase {
-    const char* title;
-    const char* member;
-    int partSeconds;
-    std::vector<std::pair<int, double>> samples;
-    const char* line;
-};
-
+/// Numbers with blanks between, bars between pieces, the newest number behind them.
 std::string Line(const Curve& curve) {
     std::string text;
     for (const std::vector<CurvePoint>& piece : curve.pieces) {
@@ -102,7 +93,8 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
     constexpr std::int64_t start = 1'700'000'000;
     constexpr double wrap = 4294967296;
     const std::vector<std::pair<int, double>> wraps{{0, 0}, {10, wrap - 500}, {20, 500}, {30, wrap - 500}};
-    const LineCase cases[] = {
+    using Samples = std::vector<std::pair<int, double>>;  // seconds and numbers
+    const std::tuple<const char*, const char*, int, Samples, const char*> rows[] = {
         {"a gauge", "Load", 10, {{0, 3}, {60, 4}, {120, 5}}, "3 4 5 (5)"},
         {"its last number", "Load", 100, {{0, 3}, {60, 4}, {70, 8}}, "5 (8)"},
         {"a pause", "Load", 10, {{0, 3}, {60, 4}, {120, 5}, {600, 6}, {660, 7}}, "3 4 5 | 6 7 (7)"},
@@ -115,22 +107,21 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
         {"a sign from 2^63 on", wide, 10, {{0, 9223372036854767616}, {10, -9223372036854767616}}, "1638 (1638)"},
         {"two at one time", octets, 100, {{0, 0}, {10, 100}, {10, 200}, {20, 400}}, "20 (30)"},
     };
-    for (const LineCase& test : cases) {
+    for (const auto& [title, member, partSeconds, samples, line] : rows) {
         std::vector<RecordText> records;
-        for (const auto& [second, number] : test.samples)
+        for (const auto& [second, number] : samples)
             records.push_back(
                 DecodeRecord(std::to_string(records.size()),
                              WideBytes(fmt::format(R"({{"DATACOLLECTTIME":"{}","Line":{{"{}":"{:.0f}"}}}})",
-                                                   start + second, test.member, number))));
-        StoreDelivery(store, test.title, "1", records);
+                                                   start + second, member, number))));
+        StoreDelivery(store, title, "1", records);
         const Range range{start * 1000, (start + 1000) * 1000};
         Filter filter;
-        filter.agent = test.title;
-        const SeriesList list = ReadSeries(store, range, filter, test.member, 2);
-        ASSERT_EQ(list.series.size(), 1) << test.title;
-        const Curve curve =
-            ReadCurve(store, list.series[0].number, range, test.partSeconds * 1000, MeaningOf(test.member));
-        EXPECT_EQ(Line(curve), test.line) << test.title;
+        filter.agent = title;
+        const SeriesList list = ReadSeries(store, range, filter, member, 2);
+        ASSERT_EQ(list.series.size(), 1) << title;
+        const Curve curve = ReadCurve(store, list.series[0].number, range, partSeconds * 1000, MeaningOf(member));
+        EXPECT_EQ(Line(curve), line) << title;
     }
 }
 

@@ -35,13 +35,12 @@ class Views : public LabOnEach {
         json_object_object_foreach(document.value.get(), name, list) {
             static_cast<void>(name);
             for (std::size_t at = 0; at < json_object_array_length(list); ++at) {
-                std::string row;
+                std::string& row = rows.emplace_back();
                 for (const char* const column : columns) {
                     json_object* const value = json_object_object_get(json_object_array_get_idx(list, at), column);
-                    row += (column == columns.front() ? "" : "|") +
-                           std::string(value ? json_object_get_string(value) : "null");
+                    row += column == columns.front() ? "" : "|";
+                    row += value ? json_object_get_string(value) : "null";
                 }
-                rows.push_back(row);
             }
         }
         return rows;

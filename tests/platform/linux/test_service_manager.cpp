@@ -207,13 +207,11 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
     ASSERT_EQ(Open(u"", &good), 0u);
     EXPECT_EQ(systemd.Deeds(), "EnableUnitFiles some-agent-host.service, Reload, ");
     constexpr RecoveryStep none, restart{RecoveryAction::restart, 1500};
+    const ServiceFailureActions twice{neverReset, {restart, restart, none}};
     const std::string again = "Restart=on-failure\nRestartSec=1500ms\n",
                       reset = "ExecStop=-systemctl reset-failed %n\n";
     const std::tuple<const char*, ServiceFailureActions, std::string, std::string> recoveries[] = {
-        {"twice",
-         {neverReset, {restart, restart, none}},
-         "StartLimitIntervalSec=infinity\nStartLimitBurst=3\n",
-         again + reset},
+        {"twice", twice, "StartLimitIntervalSec=infinity\nStartLimitBurst=3\n", again + reset},
         {"once a day", {86400, {restart, none}}, "StartLimitIntervalSec=86400\nStartLimitBurst=2\n", again + reset},
         {"always", {neverReset, {restart}}, "StartLimitIntervalSec=0\n", again},
         {"never", {neverReset, {none, restart}}, "", ""},

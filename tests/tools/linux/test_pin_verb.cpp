@@ -42,13 +42,7 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
     const std::string nextAt = "127.0.0.1:" + std::to_string(next.port);
     ASSERT_EQ(Run({"setup", "--server", "127.0.0.1:" + std::to_string(server.port)}).exitCode, 0);
     const std::string one = KeyPin(first), two = KeyPin(second), both = one + ";" + two;
-    const struct {
-        const char* title;
-        Words words;
-        int exitCode;
-        std::string told;
-        std::string stored;  // afterwards
-    } rows[] = {
+    const std::tuple<const char*, Words, int, std::string, std::string> rows[] = {
         {"nobody to ask", {"pin"}, 2, "this needs --yes", ""},
         {"dry", {"pin", "--dry-run", "--yes"}, 0, "subject = CN=cs", ""},
         {"JSON asks nothing", {"pin", "--json"}, 0, "\"stored\": false", ""},
@@ -62,12 +56,12 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
         {"dry again", {"pin", "--dry-run"}, 0, "Stored is " + two + "; this key would take its place", two},
         {"another", {"pin", "--yes"}, 0, "is the stored key = no: its key is not the pinned one", one},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        const Outcome outcome = Run(row.words);
-        EXPECT_EQ(outcome.exitCode, row.exitCode) << outcome.errors;
-        EXPECT_THAT(outcome.output + outcome.errors, HasSubstr(row.told));
-        EXPECT_EQ(Get(serverKey, "KVServerPinnedKey"), row.stored + (row.stored.empty() ? "" : "\n"));
+    for (const auto& [title, words, exitCode, told, storedThen] : rows) {
+        SCOPED_TRACE(title);
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode) << outcome.errors;
+        EXPECT_THAT(outcome.output + outcome.errors, HasSubstr(told));
+        EXPECT_EQ(Get(serverKey, "KVServerPinnedKey"), storedThen + (storedThen.empty() ? "" : "\n"));
     }
     EXPECT_EQ(server.decrypted + next.decrypted, 0u) << "no request goes out";
     Registry({"set", "--force", serverKey, "KVServerPinnedKey", "abc"});

@@ -27,13 +27,6 @@ class StatusVerb : public ToolTest {
         writeValue(platform::RootKey::localMachine, key, name, text, type);
     }
 
-    static void Delete(std::u16string_view path, std::u16string_view name) {
-        platform::OwnedRegistryKey key;
-        platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::allAccess,
-                                           key.Place());
-        EXPECT_EQ(platform::Registry().RegDeleteValueW(key.get(), name), platform::error::success);
-    }
-
     /// An agent that has enrolled and uploads, which this process stands for.
     void Install() {
         prctl(PR_SET_NAME, "MonitoringAgent");
@@ -120,6 +113,8 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 }
 
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
+    const ToolFiles kvreg{KVREG_PROGRAM, files.input, files.errors};
+    const std::string agentKey = platform::Utf8FromWide(agentKeyPath);
     std::ofstream log;
     platform::DirectoryLock lock;
     const struct {
@@ -167,7 +162,11 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
          "1 of 3 workflows run: kvagentctl check says why"},
         {"half a plan", [&] { Write(plan, "{ \"WorkFlows\": ["); }, 1, "in JSON: unexpected end"},
         {"damage", [&] { Write(status, "{"); }, 3, "status.json"},
-        {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CustomerName is missing"},
+        {"no customer",
+         [&] {
+             RunTool(kvreg, {"delete", agentKey, "CustomerName"});
+         },
+         2, "CustomerName is missing"},
         {"a number", [] { Set(agentKeyPath, u"CustomerName", u"5", platform::RegistryType::dword); }, 2,
          "CustomerName has to be a text"},
         {"no directory", [&] { fs::remove_all(bin); }, 2, "bin/ does not exist, so nothing is collected"},
