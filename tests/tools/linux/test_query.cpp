@@ -7,16 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-class QueryVerb : public ToolTest {
-  protected:
-    QueryVerb() : ToolTest(KVAGENTCTL_PROGRAM) {}
-};
+class QueryVerb : public AgentToolTest {};
 
 const std::string self =
     "SELECT ParentProcessId, Name, Priority FROM Win32_Process WHERE ProcessId = " + std::to_string(getpid());

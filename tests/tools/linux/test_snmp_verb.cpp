@@ -1,15 +1,12 @@
 // kvagentctl snmp against a real snmpd.
 #include "tests/support/snmp_devices.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-class SnmpVerb : public ToolTest {
-  protected:
-    SnmpVerb() : ToolTest(KVAGENTCTL_PROGRAM) {}
-};
+class SnmpVerb : public AgentToolTest {};
 
 TEST_F(SnmpVerb, AsksADeviceOnce) {
     const SnmpDaemon device("sysName box\nextend bytes /bin/echo \x01z");
@@ -17,6 +14,7 @@ TEST_F(SnmpVerb, AsksADeviceOnce) {
     const std::string silent = std::to_string(SnmpDaemon().port());
     const std::string name = ".1.3.6.1.2.1.1.5.0";
     const std::string lacking = ".1.3.6.1.2.1.1.77.0";
+    const std::string noSuch = lacking + " = No Such Object\n";
     const std::string bytes = ".1.3.6.1.4.1.8072.1.3.2.3.1.1.5.98.121.116.101.115";
     const std::tuple<const char*, Words, int, std::string, const char*> rows[] = {
         {"a text", {"-p", port, "get", "127.0.0.1", name}, 0, name + " = OCTET STRING: box\n", ""},
@@ -27,11 +25,7 @@ TEST_F(SnmpVerb, AsksADeviceOnce) {
         {"walk", {"-p", port, "walk", "127.0.0.1", ".1.3.6.1.2.1.1.5"}, 0, name + " = OCTET STRING: box\n", ""},
         {"leaf", {"-p", port, "walk", "127.0.0.1", name}, 3, "", "gives no value below .1.3.6.1.2.1.1.5.0; get asks"},
         {"v1", {"-p", port, "get", "127.0.0.1", name, lacking}, 3, "", "error status 2 at value 2: noSuchName"},
-        {"v2c",
-         {"-p", port, "--version", "v2c", "get", "127.0.0.1", lacking},
-         3,
-         lacking + " = No Such Object\n",
-         "gives no value for"},
+        {"v2c", {"-p", port, "--version", "v2c", "get", "127.0.0.1", lacking}, 3, noSuch, "gives no value for"},
         {"silence", {"-p", silent, "-t", "1", "walk", "127.0.0.1", name}, 1, "", "no answer from 127.0.0.1 port"},
         {"community", {"-p", port, "-t1", "-c", "x", "get", "127.0.0.1", name}, 1, "", "within 1 s; a device keeps"},
     };

@@ -6,10 +6,8 @@
 #include <unistd.h>
 
 #include "agent/health_file.h"
-#include "foundation/registry_store.h"
 #include "foundation/time_utils.h"
-#include "platform/utf.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 namespace {
@@ -18,10 +16,8 @@ using ::testing::AllOf;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
 
-class StatusVerb : public ToolTest {
+class StatusVerb : public AgentToolTest {
   protected:
-    StatusVerb() : ToolTest(KVAGENTCTL_PROGRAM) { platform::InstallRegistry(); }
-
     static void Set(std::u16string_view key, std::u16string_view name, std::u16string_view text,
                     platform::RegistryType type = platform::RegistryType::text) {
         writeValue(platform::RootKey::localMachine, key, name, text, type);
@@ -35,7 +31,7 @@ class StatusVerb : public ToolTest {
         fs::create_directories(monitoring / "logs");
         Run({"setup", "--server", "https://cs:8443", "--ip", "192.0.2.1", "--customer", "c", "--office", "o"});
         Set(monitoringKeyPath, u"MonitoringAgentKey", u"LAB1");
-        Set(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
+        SetInstallDirectory();
         Write(plan,
               R"({ "WorkFlows": [ { "interval": 1, "recordSetName": [ {}, {} ] } ],
                   "disabled": [ { "interval": 1, "recordSetName": [] } ] })");
@@ -113,8 +109,6 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 }
 
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
-    const ToolFiles kvreg{KVREG_PROGRAM, files.input, files.errors};
-    const std::string agentKey = platform::Utf8FromWide(agentKeyPath);
     std::ofstream log;
     platform::DirectoryLock lock;
     const struct {
@@ -164,7 +158,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"damage", [&] { Write(status, "{"); }, 3, "status.json"},
         {"no customer",
          [&] {
-             RunTool(kvreg, {"delete", agentKey, "CustomerName"});
+             Registry({"delete", agentKey, "CustomerName"});
          },
          2, "CustomerName is missing"},
         {"a number", [] { Set(agentKeyPath, u"CustomerName", u"5", platform::RegistryType::dword); }, 2,
