@@ -142,7 +142,8 @@ TEST_F(WmiServices, DoNotWaitForASilentManager) {
         gathering.row = [&](const void*) { return ++found > 0; };
         gathering.notice = [&](const std::string&) { ++notices; };
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(GatherServices(gathering, std::chrono::milliseconds(100)), status) << title;
+        const auto bound = std::chrono::milliseconds(status == wmi_status::timedOut ? 100 : 30000);
+        EXPECT_EQ(GatherServices(gathering, bound), status) << title;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << title;
         EXPECT_EQ(std::pair(found, notices), std::pair(rowCount, noticeCount)) << title;
     }
