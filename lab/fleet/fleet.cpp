@@ -137,10 +137,12 @@ void Fleet::StartWhatIsDue() {
     }
 }
 
+/// What has not answered in time is given up: counted later, it would seem lost to who compares it with what is held.
 void Fleet::WaitForAnswers() {
     const auto begun = Clock::now();
     while (transfers_.running() > 0 && Clock::now() - begun < (interrupted_() ? interruptedPatience : lastPatience))
         transfers_.Wait(std::chrono::milliseconds(20));
+    transfers_.Abandon();
 }
 
 /// Each agent that the server knows says that it stops, as one does that is stopped.

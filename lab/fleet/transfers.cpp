@@ -124,9 +124,7 @@ Transfers::Transfers(std::string address, std::string caFile) {
     state_->caFile = std::move(caFile);
 }
 
-Transfers::~Transfers() {
-    for (const auto& [easy, running] : state_->running) curl_multi_remove_handle(state_->multi.get(), easy);
-}
+Transfers::~Transfers() { Abandon(); }
 
 void Transfers::Start(const TransferRequest& request, std::function<void(const TransferOutcome&)> done) {
     auto transfer = std::make_unique<Running>();
@@ -163,5 +161,10 @@ void Transfers::Wait(std::chrono::milliseconds time) {
 }
 
 std::size_t Transfers::running() const { return state_->running.size(); }
+
+void Transfers::Abandon() {
+    for (const auto& [easy, running] : state_->running) curl_multi_remove_handle(state_->multi.get(), easy);
+    state_->running.clear();
+}
 
 }  // namespace kv::lab

@@ -40,6 +40,9 @@ class Transfers {
 
     std::size_t running() const;
 
+    /// Ends what is running. Nobody is told of it.
+    void Abandon();
+
   private:
     struct State;
     std::unique_ptr<State> state_;

