@@ -145,8 +145,8 @@ platform::Error WhyAbsent(const std::u16string& path) {
 }
 
 /// Turns what the script has printed by now into its record file. path is the record's without extension; the output is
-/// beside it as ".out" and is deleted. Without an output file there is no record file, and it counts as lost if none
-/// can be made.
+/// beside it as ".out" and is deleted. When the output file is absent, no record is made, and the record counts as lost
+/// if the file could not be made either.
 void MakeRecordOfOutput(const std::u16string& path, const RecordIdentity& record,
                         platform::ScriptOutputEncoding encoding) {
     const ScriptOutput output(path + u".out");

@@ -35,7 +35,8 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
 /// it then waits in the download directory for the next call, whichever agent that call names.
 void ReloadQueryConfDetails(std::u16string_view agentKey);
 
-/// Deletes the plan that waits in the download directory, for which a request is dropped that may have brought it.
+/// Deletes the plan that waits in the download directory, because the request that may have brought it is dropped. A
+/// failure is logged.
 void DropDownloadedPlan();
 
 /// Waits for the collection in progress, then builds gv_sortVec and all timers again: every workflow runs at once.
