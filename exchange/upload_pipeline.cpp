@@ -227,12 +227,20 @@ bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
     return false;
 }
 
+/// What goes to the server again in each pass is told to who asks for the last failure.
+void NoteUndeleted(const std::u16string& path, platform::Error error) {
+    if (error == platform::error::fileNotFound) return;
+    NoteFailureOf(
+        [&] { return LogText("%s cannot be deleted, and is sent again: %s", path, platform::MessageInLine(error)); });
+}
+
 void DeleteDoneFiles(const std::vector<std::u16string>& paths) {
     for (const std::u16string& path : paths) {
         const platform::Error error = platform::Files().DeleteFileW(path);
         if (error == platform::error::success) continue;
         Log1("\t StripTxtFiles :: Error in Deleting [%s]. It will be packed again\n", path);
         LogLastSystemError(error);
+        NoteUndeleted(path, error);
     }
 }
 
@@ -325,6 +333,7 @@ void DeleteAcceptedZip(const std::u16string& path) {
     if (deleted == 0) {
         Log1("\t SendDetailstoCS :: Error in Deleting ZipFileName [%s]. ErrorCode is [%d], GetLastError is [%d]\n",
              path, deleted, error);
+        NoteUndeleted(path, error);
     } else {
         Log1("\t SendDetailstoCS :: ZipFileName :: [%s] is deleted [%d]\n", path, deleted);
     }

@@ -20,10 +20,10 @@ std::string AbsenceText(const std::string& path) {
     return fmt::format("{} does not exist (is the agent installed, and KVAGENT_STATE_DIR right?)", path);
 }
 
-/// Whether the registry may be well in a moment.
+/// Whether the registry may be well in a moment. A value that is too long stays so.
 bool MayPass(platform::Error failure) {
     return failure != error::success && !IsGone(failure) && failure != error::accessDenied &&
-           failure != error::databaseCorrupt;
+           failure != error::databaseCorrupt && failure != error::moreData;
 }
 
 }  // namespace

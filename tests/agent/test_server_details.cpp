@@ -197,16 +197,23 @@ TEST_F(ServerDetails, ARegistryThatFailsForAMomentIsAskedAgain) {
 TEST_F(ServerDetails, SettingsThatCannotBeReadForAMomentAreReadAgain) {
     for (const Setting& setting : requiredSettings) Set(setting);
     Set({agentKeyPath, u"ProxyEnabled", u"yes"});
-    for (const auto& [failing, failures, outcome] : {std::tuple{u"KVServerIPAddress", 5, "central yes"},
-                                                     {u"ProxyEnabled", 5, "central yes"},
-                                                     {u"KVServerName", 1000, "absent yes"}}) {
+    const struct {
+        std::u16string_view failing;
+        int failures;
+        platform::Error failure;
+        std::string outcome;
+        int seconds;
+    } rows[] = {{u"KVServerIPAddress", 5, platform::error::readFault, "central yes", 5},
+                {u"ProxyEnabled", 5, platform::error::readFault, "central yes", 5},
+                {u"KVServerName", 1000, platform::error::readFault, "absent yes", 60},
+                {u"KVServerName", 1000, platform::error::moreData, "absent yes", 0}};
+    for (const auto& [failing, failures, failure, outcome, seconds] : rows) {
         const test::VirtualClock clock;
         int left = failures;
         const test::Replaced registry(&platform::RegistryOperations::RegQueryValueExW,
-                                      [&left, name = failing, query = platform::Registry().RegQueryValueExW](
+                                      [&left, name = failing, failure, query = platform::Registry().RegQueryValueExW](
                                           auto key, auto value, auto&&... rest) {
-                                          return value == name && left-- > 0 ? platform::error::readFault
-                                                                             : query(key, value, rest...);
+                                          return value == name && left-- > 0 ? failure : query(key, value, rest...);
                                       });
         test::ResetAgentState();
         LoadSettings();
@@ -214,6 +221,7 @@ TEST_F(ServerDetails, SettingsThatCannotBeReadForAMomentAreReadAgain) {
                                          agentState.gv_proxyEnabled.value_or(u"")),
                   outcome);
         EXPECT_EQ(agentState.gv_remoteOfficeName.has_value(), failures == 5);
+        EXPECT_EQ((clock.nowMilliseconds() - test::VirtualClock::startMilliseconds) / 1000, seconds) << outcome;
     }
     EXPECT_TRUE(Logged("settings cannot be read, and are read again for a minute"));
 }

@@ -34,7 +34,7 @@ def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("drills", nargs="*", metavar="DRILL", help=", ".join(DRILLS))
     parser.add_argument("--seed", type=int, default=int(time.time()) % 1_000_000, help="repeats a run")
-    parser.add_argument("--quick", action="store_true", help="a twentieth of each drill")
+    parser.add_argument("--quick", action="store_true", help="a small part of most drills, some minutes")
     parser.add_argument("--docs", action="store_true", help="also puts the report into docs/reliability.md")
     parser.add_argument("--alone", metavar="FOLDER", help=argparse.SUPPRESS)  # runs one drill in this process and folder
     options = parser.parse_args(arguments)
