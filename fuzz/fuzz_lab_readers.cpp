@@ -95,11 +95,20 @@ void Keep(Store& store, const std::string& agent, const std::string& text) {
     NoteRefusal(store, {agent, "Agent_1_2.zip", text.substr(0, 50), "127.0.0.1", Now(), 1});
 }
 
+/// Whether a quote of a stranger's ended an attribute. One with which the page begins an attribute follows "=".
+bool LeavesAttribute(std::string_view page) {
+    constexpr std::string_view quoted = "\"xss";
+    for (std::size_t at = page.find(quoted); at != page.npos; at = page.find(quoted, at + 1)) {
+        if (at == 0 || page[at - 1] != '=') return true;
+    }
+    return false;
+}
+
 /// What a stranger wrote opens no tag and leaves no attribute: the seeds have a tag of this name, and a quote before
 /// it. What tools read is good JSON.
 void LookAt(const Answer& answer) {
     if (answer.type.starts_with("text/html")) {
-        Require(answer.body.find("<xss") == std::string::npos && answer.body.find("\"xss") == std::string::npos);
+        Require(answer.body.find("<xss") == std::string::npos && !LeavesAttribute(answer.body));
     } else if (answer.type.starts_with("application/json")) {
         Require(IsJson(answer.body));
     }
