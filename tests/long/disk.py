@@ -137,6 +137,8 @@ class Tree(Agent):
 
     def check(self):
         self.process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.process.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)  # until its last thread stands still
+        self.see_running()
         self.check_plan()
         self.vouch()
         self.process.send_signal(signal.SIGCONT)

@@ -72,7 +72,8 @@ def run_apart(name, options):
         file = pathlib.Path(folder) / "result.json"
         result = json.loads(file.read_text()) if file.exists() else {"failure": f"the drill ended with {ended}"}
     result |= {"title": name.capitalize(), "seconds": time.monotonic() - start}
-    print(f"{name}: {'FAILED' if 'failure' in result else 'passed'} after {result['seconds']:.0f} s", flush=True)
+    outcome = f"FAILED: {result['failure']}" if "failure" in result else "passed"
+    print(f"{name}: {outcome} after {result['seconds']:.0f} s", flush=True)
     return result
 
 
