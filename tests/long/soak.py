@@ -121,7 +121,7 @@ def run(seed, quick, folder):
     return [
         f"{days} days of the agent's clock at {RATE} times its pace: ten workflows, a new plan each day, a server that is away "
         f"for three hours each night ({soak.struck} requests failed), logs of 100 kB that rotate",
-        f"{totals['records']} records were complete: 0 lost; {RUNS_A_DAY * days:.0f} were due, {totals['twice']} came twice, "
-        "because a millisecond of this machine is two seconds of that clock: runs and answers come late",
+        f"{totals['records']} records were complete: 0 lost; {totals['twice']} came twice. {RUNS_A_DAY * days:.0f} were due: a "
+        "millisecond of this machine is two seconds of that clock, so runs and answers come late",
         "at the midnights, least to most: " + ", ".join(f"{name} {min(values):.0f} to {max(values):.0f}"
                                                         for name, values in zip(MEASURES, zip(*soak.midnights)))]
