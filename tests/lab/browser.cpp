@@ -26,15 +26,26 @@ std::string Quoted(const std::string& text) { return PlainJson(Json(JsonText(tex
 
 }  // namespace
 
-Browser::Browser() {
+/// Starts the driver, and gives its port. It takes a free port of IPv6, and ends if somebody has the same one of IPv4.
+int Browser::StartDriver() {
     std::smatch port;
     std::string printed;
     const std::regex announcement("started successfully on port (\\d+)");
-    driver_.Start("env HOME=$PWD chromedriver --port=0", [&] {
-        printed = driver_.Output();
-        return std::regex_search(printed, port, announcement);
-    });
-    client_.emplace("127.0.0.1", std::stoi(port[1]));
+    for (int triesLeft = 5;; --triesLeft) {
+        try {
+            driver_.Start("env HOME=$PWD chromedriver --port=0", [&] {
+                printed = driver_.Output();
+                return std::regex_search(printed, port, announcement);
+            });
+            return std::stoi(port[1]);
+        } catch (const std::runtime_error&) {
+            if (triesLeft == 0 || !driver_.Output().ends_with("port not available. Exiting...\n")) throw;
+        }
+    }
+}
+
+Browser::Browser() {
+    client_.emplace("127.0.0.1", StartDriver());
     client_->set_read_timeout(pageTimeout);
     client_->set_keep_alive(true);
     client_->set_tcp_nodelay(true);

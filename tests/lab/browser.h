@@ -42,6 +42,7 @@ class Browser {
     std::string Command(const std::string& name, const std::string& parameters);
 
   private:
+    int StartDriver();
     std::string Post(const std::string& path, const std::string& body);
 
     kv::test::ChildProgram driver_;
