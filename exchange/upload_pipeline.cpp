@@ -227,11 +227,12 @@ bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
     return false;
 }
 
-/// What goes to the server again in each pass is told to who asks for the last failure.
+/// What cannot be deleted is packed or sent again in each pass: who asks for the last failure is told.
 void NoteUndeleted(const std::u16string& path, platform::Error error) {
     if (error == platform::error::fileNotFound) return;
-    NoteFailureOf(
-        [&] { return LogText("%s cannot be deleted, and is sent again: %s", path, platform::MessageInLine(error)); });
+    NoteFailureOf([&] {
+        return LogText("%s cannot be deleted, and is taken up again: %s", path, platform::MessageInLine(error));
+    });
 }
 
 void DeleteDoneFiles(const std::vector<std::u16string>& paths) {

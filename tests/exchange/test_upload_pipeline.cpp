@@ -252,11 +252,11 @@ TEST_F(UploadPipeline, WhatCannotBeMadeOrDeletedLosesNoRecord) {
     Pack();
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(1, 2)) << "the directory is there again";
     EXPECT_EQ(TimesLogged("It will be packed again"), 2);
-    EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("_2.txt cannot be deleted, and is sent again: "));
+    EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("_2.txt cannot be deleted, and is taken up again: "));
     SendDetailstoCS(1);
     EXPECT_EQ(accepted.size(), 1U);
     EXPECT_TRUE(Logged("Error in Deleting ZipFileName [zipdata\\Agent_K7_2.zip]"));
-    EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("_2.zip cannot be deleted, and is sent again: "));
+    EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("_2.zip cannot be deleted, and is taken up again: "));
 }
 
 TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
