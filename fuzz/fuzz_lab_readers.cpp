@@ -98,7 +98,7 @@ void Keep(Store& store, const std::string& agent, const std::string& text) {
 /// Whether a quote of a stranger's ended an attribute. One with which the page begins an attribute follows "=".
 bool LeavesAttribute(std::string_view page) {
     constexpr std::string_view quoted = "\"xss";
-    for (std::size_t at = page.find(quoted); at != page.npos; at = page.find(quoted, at + 1)) {
+    for (std::size_t at = page.find(quoted); at != std::string_view::npos; at = page.find(quoted, at + 1)) {
         if (at == 0 || page[at - 1] != '=') return true;
     }
     return false;
